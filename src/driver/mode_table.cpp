@@ -1,0 +1,89 @@
+#include <cstdio>
+#include <cstring>
+
+#include "certs/certs.h"
+#include "driver/driver.h"
+#include "migrations/accounts/accounts.h"
+#include "migrations/features/features.h"
+#include "passwords/passwords.h"
+#include "platform/log.h"
+#include "store/config_store.h"
+#include "translate/translate.h"
+
+namespace {
+
+enum Mode { kAll, kDev, kPwd, kOne, kTwo, kOther, kModeCount };
+enum class Gate { kNone, kBacklight, kRecording, kVersionRecord };
+
+struct Step {
+    const char* name;
+    void (*run)();
+    Gate gate;
+    bool runsIn[kModeCount];
+};
+
+// Every step, in run order, and the modes that run it. Results are not looked at:
+// a step's outcome never changes which steps follow.
+const Step kRunTable[] = {
+    //                                                                          all    dev    pwd    "1"    "2"    other
+    {"shared-line key count",     [] { migrateScaLineKeyNumber(); }, Gate::kNone,          {true,  true,  true,  true,  true,  true}},
+    {"ring-back timeout",         [] { migrateRingbackTimeout(); },  Gate::kNone,          {true,  true,  true,  true,  true,  true}},
+    {"translation",               [] { translateConfig(); },         Gate::kNone,          {true,  true,  false, false, false, false}},
+    {"backlight time",            [] { convertBacklightTime(); },    Gate::kBacklight,     {true,  true,  false, false, false, false}},
+    {"CA certificate sync",       [] { syncFactoryCaCerts(); },      Gate::kNone,          {true,  true,  false, false, false, false}},
+    {"password protection",       [] { switchPasswordProtection(); },Gate::kNone,          {true,  false, true,  false, false, false}},
+    {"record old settings",       [] { recordOldSettings(); },       Gate::kRecording,     {false, false, false, true,  false, false}},
+    {"gather direct-IP account",  [] { gatherDirectIpAccount(); },   Gate::kNone,          {false, false, false, true,  false, false}},
+    {"BLF LED",                   [] { migrateBlfLedMode(); },       Gate::kVersionRecord, {false, false, false, false, true,  false}},
+    {"power LED",                 [] { migratePowerLed(); },         Gate::kVersionRecord, {false, false, false, false, true,  false}},
+    {"key layouts",               [] { migrateKeyLayoutFiles(); },   Gate::kVersionRecord, {false, false, false, false, true,  false}},
+    {"syslog",                    [] { migrateSyslog(); },           Gate::kVersionRecord, {false, false, false, false, true,  false}},
+    {"install direct-IP account", [] { installDirectIpAccount(); },  Gate::kNone,          {false, false, false, false, true,  false}},
+    {"talking softkey",           [] { renameTalkingSoftkey(); },    Gate::kNone,          {false, false, false, false, true,  false}},
+};
+
+Mode parseMode(const char* text) {
+    const char* names[] = {"all", "dev", "pwd", "1", "2"};
+    for (int m = kAll; m < kOther; ++m)
+        if (std::strcmp(text, names[m]) == 0) return static_cast<Mode>(m);
+    return kOther;
+}
+
+bool backlightGateOpen() { return etlGetRegistryInt("/config/version.ini", "SyncConfig", "bEnableFromOld", 1) != 0; }
+
+// The user side is read only when the factory side asks for recording.
+bool recordingGateOpen() {
+    return etlGetProfileInt("/phone/factory/user/user.ini", "Sync", "SyncCfgByVersion", 0) == 1 &&
+           etlGetProfileInt("/config/user/user.ini", "Sync", "SyncCfgByVersion", 0) == 0;
+}
+
+bool versionRecordExists() { return ETL_MiscHelper::pathFileExist("/tmp/VersionInfo.cfg") != 0; }
+
+}  // namespace
+
+int runUpgrade(int argc, char** argv) {
+    if (argc <= 1) {
+        app_log(60, 6, "Usage: \n#%s [all|dev|pwd]\n", argc > 0 && argv[0] ? argv[0] : "");
+        return 0;
+    }
+    Mode mode = parseMode(argv[1]);
+    // The version record is tested once, when the first step that needs it is reached,
+    // so its four steps run together or not at all.
+    int versionRecord = -1;
+    for (const Step& step : kRunTable) {
+        if (!step.runsIn[mode]) continue;
+        bool open = true;
+        if (step.gate == Gate::kBacklight) open = backlightGateOpen();
+        if (step.gate == Gate::kRecording) open = recordingGateOpen();
+        if (step.gate == Gate::kVersionRecord) {
+            if (versionRecord < 0) versionRecord = versionRecordExists() ? 1 : 0;
+            open = versionRecord == 1;
+        }
+        if (!open) continue;
+        step.run();
+        // Each step's changes are durable before the next step starts.
+        store::commit();
+    }
+    std::fflush(stdout);
+    return 0;
+}

@@ -1,0 +1,18 @@
+// The platform log and trace.
+//
+// Where records go is chosen by CFGUPGRADE_LOG: unset or "-" is standard error,
+// "syslog" is syslog(3) with ident "cfgupgrade", anything else a file to append to.
+// On standard error and in files a record reads "app_log[MODULE/LEVEL] TEXT" or
+// "etlTrace[LEVEL] TEXT", ending with one line break.
+//
+// Trace records below CFGUPGRADE_TRACE_LEVEL (default 3) are dropped: level 2 carries
+// stored password values. app_log records are always delivered.
+#pragma once
+
+#define CFGUPGRADE_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
+
+void app_log(int module, int level, const char* format, ...) CFGUPGRADE_PRINTF(3, 4);
+
+namespace ETL_TraceHelper {
+void etlTrace(int level, const char* format, ...) CFGUPGRADE_PRINTF(2, 3);
+}

@@ -1,0 +1,225 @@
+#include "store/config_store.h"
+
+#include <cstdlib>
+#include <deque>
+#include <utility>
+
+#include "store/documents.h"
+#include "store/files.h"
+
+using ETL_FileHelper::IniText;
+
+namespace {
+
+// An empty value reads as the default, like a missing one; anything else as strtol does.
+int parseInt(const std::string* value, int def) {
+    if (!value || value->empty()) return def;
+    return static_cast<int>(std::strtol(value->c_str(), nullptr, 10));
+}
+
+const std::string* findValue(const store::IniPtr& text, std::string_view section, std::string_view key) {
+    return text ? text->find(section, key) : nullptr;
+}
+
+// Applies `change` to a private copy of the file's content and hands it back to the store.
+template <typename Change>
+bool changeFile(const std::string& file, Change change) {
+    store::IniPtr current = store::loadIni(file);
+    auto copy = current ? std::make_shared<IniText>(*current) : std::make_shared<IniText>();
+    return change(*copy) && store::storeIni(file, std::move(copy));
+}
+
+int getInt(const std::string& file, const std::string& section, const std::string& key, int def) {
+    return parseInt(findValue(store::loadIni(file), section, key), def);
+}
+
+bool setInt(const std::string& file, const std::string& section, const std::string& key, int value) {
+    std::string text = std::to_string(value);
+    return changeFile(file, [&](IniText& doc) { return doc.set(section, key, text); });
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- path-addressed integers
+
+int etlGetProfileInt(const std::string& file, const std::string& section, const std::string& key, int def) {
+    return getInt(file, section, key, def);
+}
+
+int etlGetRegistryInt(const std::string& file, const std::string& section, const std::string& key, int def) {
+    return getInt(file, section, key, def);
+}
+
+bool etlSetProfileInt(const std::string& file, const std::string& section, const std::string& key, int value) {
+    return setInt(file, section, key, value);
+}
+
+bool etlSetRegistryInt(const std::string& file, const std::string& section, const std::string& key, int value) {
+    return setInt(file, section, key, value);
+}
+
+// ---------------------------------------------------------------- section handles
+
+struct RegistrySection {
+    std::string file;
+    std::string section;
+    std::vector<std::pair<std::string, std::string>> pending;  // key, value; in order of first write
+};
+
+namespace {
+
+// Handles are never closed by their users, so the store keeps them until the process ends.
+std::deque<RegistrySection>& openHandles() {
+    static std::deque<RegistrySection> handles;
+    return handles;
+}
+
+}  // namespace
+
+HREGISTRY registryOpen(const std::string& file, const std::string& section) {
+    if (!store::fs::physicalPath(file)) return nullptr;
+    openHandles().push_back(RegistrySection{file, section, {}});
+    return &openHandles().back();
+}
+
+bool registrySetString(HREGISTRY handle, const std::string& key, const std::string& text) {
+    if (!handle || !IniText::isWritableName(key, '=') || !IniText::isWritableValue(text)) return false;
+    for (auto& entry : handle->pending)
+        if (entry.first == key) {
+            entry.second = text;
+            return true;
+        }
+    handle->pending.emplace_back(key, text);
+    return true;
+}
+
+bool registrySetInt(HREGISTRY handle, const std::string& key, int value) {
+    return registrySetString(handle, key, std::to_string(value));
+}
+
+bool registryFlush(HREGISTRY handle) {
+    if (!handle || handle->pending.empty()) return handle != nullptr;
+    bool ok = changeFile(handle->file, [&](IniText& doc) {
+        for (const auto& entry : handle->pending)
+            if (!doc.set(handle->section, entry.first, entry.second)) return false;
+        return true;
+    });
+    handle->pending.clear();
+    return ok;
+}
+
+namespace ETL_SubClass {
+
+ETL_StringHelper::chReferenceStringT<char> registryGetString(HREGISTRY handle, const std::string& key,
+                                                             const std::string& def) {
+    if (!handle) return def;
+    for (const auto& entry : handle->pending)
+        if (entry.first == key) return entry.second;
+    const std::string* value = findValue(store::loadIni(handle->file), handle->section, key);
+    return value ? *value : def;
+}
+
+void etlCopyFile(const std::string& dst, const std::string& src) { store::copyFile(dst, src); }
+
+}  // namespace ETL_SubClass
+
+// ---------------------------------------------------------------- INI documents
+
+namespace ETL_FileHelper {
+
+iniDocument::iniDocument() : text_(std::make_shared<const IniText>()) {}
+
+int iniDocument::GetIntValue(phraseConstTextA section, phraseConstTextA key, int def) const {
+    return parseInt(text_->find(section, key), def);
+}
+
+ETL_StringHelper::chReferenceStringT<char> iniDocument::GetTextValue(phraseConstTextA section, phraseConstTextA key,
+                                                                     const std::string& def) const {
+    const std::string* value = text_->find(section, key);
+    return value ? *value : def;
+}
+
+int iniDocument::SetTextValue(phraseConstTextA section, phraseConstTextA key, phraseConstTextA value) {
+    auto copy = std::make_shared<IniText>(*text_);
+    if (!copy->set(section, key, value)) return 0;
+    text_ = std::move(copy);
+    return 1;
+}
+
+std::vector<iniObject*> iniDocument::objects() {
+    // The walk may change values, so the document takes its own copy first.
+    auto copy = std::make_shared<IniText>(*text_);
+    std::vector<iniObject*> nodes = copy->objects();
+    text_ = std::move(copy);
+    return nodes;
+}
+
+iniFile::iniFile(const char* path) {
+    if (path) LoadFromFile(path);
+}
+
+int iniFile::LoadFromFile(const std::string& path) {
+    store::IniPtr loaded = store::loadIni(path);
+    if (!loaded) return 0;
+    text_ = std::move(loaded);
+    loadedPath_ = path;
+    return 1;
+}
+
+int iniFile::SaveToFile(const char* path) {
+    std::string target = path ? path : loadedPath_;
+    if (target.empty()) return 0;
+    return store::storeIni(target, text_) ? 1 : 0;
+}
+
+}  // namespace ETL_FileHelper
+
+// ---------------------------------------------------------------- file helpers
+
+namespace ETL_MiscHelper {
+
+int pathFileExist(const std::string& path) { return store::iniExists(path) ? 1 : 0; }
+
+}  // namespace ETL_MiscHelper
+
+namespace store {
+
+bool commit() { return commitFiles(); }
+
+bool copyFile(const std::string& dst, const std::string& src) {
+    commitFiles();
+    forgetFile(dst);
+    return fs::copyFileAtomically(dst, src);
+}
+
+bool removeFile(const std::string& logical) {
+    commitFiles();
+    forgetFile(logical);
+    return fs::removeFile(logical);
+}
+
+bool readFile(const std::string& logical, std::string& bytes) {
+    std::string scratch;
+    if (const std::string* pending = pendingBytes(logical, scratch)) {
+        bytes = *pending;
+        return true;
+    }
+    return fs::readFile(logical, bytes);
+}
+
+bool writeFile(const std::string& logical, const std::string& bytes) {
+    commitFiles();
+    forgetFile(logical);
+    return fs::writeFileAtomically(logical, bytes);
+}
+
+bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
+    return fs::listDirectory(logical, names);
+}
+
+void reset() {
+    discardAll();
+    openHandles().clear();
+}
+
+}  // namespace store

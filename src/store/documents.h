@@ -1,0 +1,43 @@
+// The INI files of this run, parsed once and shared by every access family.
+//
+// Reads see the latest content of a file, whoever changed it: a path-addressed
+// set, a flushed section handle or a saved document. Changes stay in memory until
+// commitFiles(), which the driver calls after every step; a file whose bytes did
+// not change is never written.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "store/ini_text.h"
+
+namespace store {
+
+using IniPtr = std::shared_ptr<const ETL_FileHelper::IniText>;
+
+// The file's current content; null when it does not exist or cannot be read.
+IniPtr loadIni(const std::string& logical);
+
+// Makes `text` the file's content for every later read. False when the path is not
+// usable, its directory does not exist, or the file exists but cannot be read
+// (writing over it would lose what it holds).
+bool storeIni(const std::string& logical, IniPtr text);
+
+// True when the file exists, or will once the pending changes are committed.
+bool iniExists(const std::string& logical);
+
+// Writes every changed file, in the order of their first change. False when a
+// write failed; that file is then read from disk again, so later reads see what
+// it really holds.
+bool commitFiles();
+
+// The pending bytes of a changed file, for readers of raw bytes; null otherwise.
+const std::string* pendingBytes(const std::string& logical, std::string& scratch);
+
+// Drops what is known of a file that is about to change on disk by other means.
+void forgetFile(const std::string& logical);
+
+// Drops everything without writing: a fresh start (a new root, a new test).
+void discardAll();
+
+}  // namespace store

@@ -1,0 +1,19 @@
+// XML files (rule file, key layouts, softkey layouts) through the store: read with
+// pugixml's default options and automatic encoding, saved with one tab per level.
+#pragma once
+
+#include <pugixml.hpp>
+
+#include <string>
+
+namespace store {
+
+// Parses the file as load_file(path, parse_default, encoding_auto) would; a missing or
+// unreadable file gives status_file_not_found.
+pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_document& doc);
+
+// Writes the bytes save_file(path, "\t", format_indent, encoding_auto) would write,
+// through the atomic writer; an unchanged file is not rewritten.
+bool saveXmlFile(const std::string& logical, const pugi::xml_document& doc);
+
+}  // namespace store

@@ -99,13 +99,26 @@ bool isOurTempFile(const std::string& name) {
            name.compare(name.size() - kTempSuffixLength - marker, marker, kTempMarker) == 0;
 }
 
+// The logical form of a physical path under the root, for messages.
+std::string logicalOf(const std::string& physical) {
+    std::string r = root();
+    char resolved[PATH_MAX];
+    for (const std::string& prefix : {r, std::string(!r.empty() && realpath(r.c_str(), resolved) ? resolved : "")})
+        if (!prefix.empty() && physical.compare(0, prefix.size() + 1, prefix + "/") == 0) return physical.substr(prefix.size());
+    return physical;
+}
+
 // A run cut off by a power loss can leave a temporary file behind; it was never
 // renamed into place, so it holds nothing anybody needs. Done once per directory.
+// A directory that cannot be listed is reported; the write goes on without it.
 void removeStaleTempFiles(const std::string& dir) {
     static std::set<std::string> cleaned;
     if (!cleaned.insert(dir).second) return;
     DIR* d = opendir(dir.c_str());
-    if (!d) return;
+    if (!d) {
+        if (errno != ENOENT && errno != ENOTDIR) logFailure("list", logicalOf(dir), errno);
+        return;
+    }
     bool removed = false;
     while (dirent* entry = readdir(d)) {
         std::string name = entry->d_name;

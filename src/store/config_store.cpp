@@ -184,7 +184,7 @@ int pathFileExist(const std::string& path) { return store::iniExists(path) ? 1 :
 
 namespace store {
 
-bool commit() { return commitFiles(); }
+bool commit() { return commitStep(); }
 
 bool copyFile(const std::string& dst, const std::string& src) {
     commitFiles();

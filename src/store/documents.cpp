@@ -23,6 +23,7 @@ struct CachedFile {
 struct Cache {
     std::unordered_map<std::string, CachedFile> files;
     std::vector<std::string> dirtyOrder;
+    bool readFailed = false;  // this step read a file that exists but could not be read
 };
 
 // Created on first use, gone with the process.
@@ -57,7 +58,9 @@ bool directoryExists(const std::string& logical) {
 
 IniPtr loadIni(const std::string& logical) {
     if (!fs::physicalPath(logical)) return nullptr;
-    return entryFor(logical).text;
+    CachedFile& entry = entryFor(logical);
+    if (entry.unreadable) cache().readFailed = true;
+    return entry.text;
 }
 
 bool storeIni(const std::string& logical, IniPtr text) {
@@ -79,6 +82,11 @@ bool iniExists(const std::string& logical) {
 
 bool commitFiles() {
     Cache& c = cache();
+    if (c.readFailed) {
+        for (const std::string& logical : c.dirtyOrder) c.files.erase(logical);
+        c.dirtyOrder.clear();
+        return false;
+    }
     bool ok = true;
     for (const std::string& logical : c.dirtyOrder) {
         auto it = c.files.find(logical);
@@ -100,6 +108,12 @@ bool commitFiles() {
     return ok;
 }
 
+bool commitStep() {
+    bool ok = commitFiles();
+    cache().readFailed = false;
+    return ok;
+}
+
 const std::string* pendingBytes(const std::string& logical, std::string& scratch) {
     auto& files = cache().files;
     auto it = files.find(logical);
@@ -113,6 +127,7 @@ void forgetFile(const std::string& logical) { cache().files.erase(logical); }
 void discardAll() {
     cache().files.clear();
     cache().dirtyOrder.clear();
+    cache().readFailed = false;
 }
 
 }  // namespace store

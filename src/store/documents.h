@@ -28,8 +28,13 @@ bool iniExists(const std::string& logical);
 
 // Writes every changed file, in the order of their first change. False when a
 // write failed; that file is then read from disk again, so later reads see what
-// it really holds.
+// it really holds. Writes nothing, and drops the changes, when a file that exists
+// could not be read since the step began: the changes may rest on defaults that
+// stood in for settings the step could not see. The next run does the step again.
 bool commitFiles();
+
+// Ends a step: commits, then forgets the failed reads of the step.
+bool commitStep();
 
 // The pending bytes of a changed file, for readers of raw bytes; null otherwise.
 const std::string* pendingBytes(const std::string& logical, std::string& scratch);

@@ -33,6 +33,7 @@ TEST_F(RunTable, EachModeRunsItsStepsAndGates) {
         {{"cfgupgrade"}, "", false, "49", false},
     };
     for (const auto& c : cases) {
+        TearDown();
         SetUp();
         write("/config/user/user.ini", "[Backlight]\nnBacklightTime=49\n");
         write("/config/version.ini", c.version);
@@ -44,7 +45,6 @@ TEST_F(RunTable, EachModeRunsItsStepsAndGates) {
                   c.accountStep);
         EXPECT_NE(read("/config/user/user.ini").find(std::string("nBacklightTime=") + c.backlight), std::string::npos);
         EXPECT_EQ(out, c.printed ? "iBackLightTime[49]\n" : "");
-        TearDown();
     }
 }
 
@@ -54,6 +54,7 @@ TEST_F(RunTable, BacklightConversionTable) {
         {"0", "0", "0"}, {"-2", "-2", "-120"}, {"-2147483648", "-2147483648", "-2147483648"},
     };
     for (const auto& c : cases) {
+        TearDown();
         SetUp();
         write("/config/user/user.ini", c.stored ? std::string("[Backlight]\nnBacklightTime=") + c.stored + "\n" : "");
         testing::internal::CaptureStdout();
@@ -63,7 +64,6 @@ TEST_F(RunTable, BacklightConversionTable) {
         std::string expected = c.after ? std::string("nBacklightTime=") + c.after + "\n" : "";
         EXPECT_EQ(user.find("nBacklightTime") != std::string::npos, c.after != nullptr) << user;
         EXPECT_NE(user.find(expected), std::string::npos) << user;
-        TearDown();
     }
 }
 

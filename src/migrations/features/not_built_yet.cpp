@@ -1,5 +1,0 @@
-#include "migrations/features/features.h"
-
-// Not built yet: these steps do nothing when their turn comes.
-void migrateKeyLayoutFiles() {}
-int renameTalkingSoftkey() { return 0; }

@@ -15,6 +15,10 @@ TEST_F(EndToEnd, EveryModeExitsZeroAndASecondRunChangesNothing) {
         }
     }
     EXPECT_NE(read("/config/user/user.ini").find("RingbackTimeout="), std::string::npos);
+    // The old settings recorded by mode 1 reached their current keys in mode 2.
+    EXPECT_NE(read("/config/user/user.ini").find("BLFLedMode=2\n"), std::string::npos);
+    EXPECT_NE(read("/config/system/system.ini").find("LogType=2\nSyslogServer=syslog.example.net\n"),
+              std::string::npos);
     EXPECT_EQ(runTool({}), 0);
 }
 

@@ -31,19 +31,22 @@ void stripSectionMarks(ETL_FileHelper::iniSection& section) {
 }  // namespace
 
 void gatherDirectIpAccount() {
-    bool gathered = false;
+    std::string gathered;  // the account file copied into the direct-IP file
     for (int n = 16; n >= 0; --n) {
         std::string path = accountFilePath(n);
         if (!ETL_MiscHelper::pathFileExist(path) || !flaggedDirectIp(path)) continue;
         // The highest flagged file that copies becomes the direct-IP file. A file whose
         // copy failed keeps its place, and the next flagged file gets its turn.
-        if (!gathered) {
-            if (!store::copyFile(kDirectIpFile, path)) continue;
-            gathered = true;
+        if (gathered.empty()) {
+            if (store::copyFile(kDirectIpFile, path)) gathered = path;
+            continue;
         }
-        // The direct-IP file is durable by now, so removing the source loses nothing.
         store::removeFile(path);
     }
+    // The copied file goes last, once the direct-IP file is durable: a run cut off before
+    // then and started again finds it still flagged and copies it again, rather than a
+    // lower flagged file that was still there.
+    if (!gathered.empty()) store::removeFile(gathered);
 }
 
 void installDirectIpAccount() {

@@ -18,11 +18,21 @@ namespace {
 
 using Key = std::array<unsigned char, 32>;
 
-const char kPrefix[] = "pw1:";
-const std::size_t kPrefixLength = sizeof kPrefix - 1;
-const std::size_t kNonceLength = 12;
-const std::size_t kTagLength = 16;
-const std::size_t kLongestProtected = kPwDataBufferSize - 1;
+constexpr char kPrefix[] = "pw1:";
+constexpr std::size_t kPrefixLength = sizeof kPrefix - 1;
+constexpr std::size_t kNonceLength = 12;
+constexpr std::size_t kTagLength = 16;
+constexpr std::size_t kLongestProtected = kPwDataBufferSize - 1;
+
+// Unpadded base64 length of n bytes.
+constexpr std::size_t encodedLength(std::size_t n) { return (n * 4 + 2) / 3; }
+
+constexpr std::size_t protectedLength(std::size_t plain) {
+    return kPrefixLength + encodedLength(kNonceLength + plain + kTagLength);
+}
+static_assert(protectedLength(kPwDataLongestPlain) <= kLongestProtected &&
+                  protectedLength(kPwDataLongestPlain + 1) > kLongestProtected,
+              "the documented longest plain text is the one that fits");
 
 // DEVELOPMENT KEY. It is in the source, so it protects nothing: every real
 // installation names its own key with CFGUPGRADE_PW_KEYFILE.
@@ -30,9 +40,6 @@ const Key kDevelopmentKey = {'c', 'f', 'g', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '
                              'O', 'P', 'M', 'E', 'N', 'T', '-', 'K', 'E', 'Y', '-', '0', '0', '0', '0', '1'};
 
 const char kBase64Url[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-
-// Unpadded base64 length of n bytes.
-std::size_t encodedLength(std::size_t n) { return (n * 4 + 2) / 3; }
 
 std::string encodeBase64Url(const unsigned char* data, std::size_t n) {
     std::string text;
@@ -47,29 +54,18 @@ std::string encodeBase64Url(const unsigned char* data, std::size_t n) {
     return text;
 }
 
-int base64UrlValue(char c) {
-    const char* at = c ? std::strchr(kBase64Url, c) : nullptr;
-    return at ? static_cast<int>(at - kBase64Url) : -1;
-}
-
-// Strict: only the url alphabet, no padding, no stray bits in the last character,
-// so every protected value has exactly one spelling.
-bool decodeBase64Url(const char* text, std::size_t length, std::string& bytes) {
-    if (length % 4 == 1) return false;
+// Strict: only the url alphabet, and only the one spelling the encoder makes.
+bool decodeBase64Url(const std::string& text, std::string& bytes) {
     bytes.clear();
-    unsigned long bits = 0;
-    int bitCount = 0;
-    for (std::size_t i = 0; i < length; ++i) {
-        int v = base64UrlValue(text[i]);
-        if (v < 0) return false;
-        bits = ((bits << 6) | static_cast<unsigned long>(v)) & 0xffff;
-        bitCount += 6;
-        if (bitCount >= 8) {
-            bitCount -= 8;
-            bytes += static_cast<char>((bits >> bitCount) & 0xff);
-        }
+    unsigned bits = 0;
+    int count = 0;
+    for (char c : text) {
+        const char* at = c ? std::strchr(kBase64Url, c) : nullptr;
+        if (!at) return false;
+        bits = ((bits << 6) | static_cast<unsigned>(at - kBase64Url)) & 0xffff;
+        if ((count += 6) >= 8) bytes += static_cast<char>((bits >> (count -= 8)) & 0xff);
     }
-    return (bits & ((1ul << bitCount) - 1)) == 0;
+    return encodeBase64Url(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) == text;
 }
 
 // Said once per key file and problem, not once per password.
@@ -119,7 +115,7 @@ using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_f
 
 // AES-256-GCM; the prefix is bound in as associated data. out gets n bytes.
 bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* plain, int n, unsigned char* out,
-          unsigned char* tag) {
+                unsigned char* tag) {
     CipherContext ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     int len = 0;
     return ctx && EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce) == 1 &&
@@ -131,8 +127,8 @@ bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char*
 }
 
 // The reverse of encryptGcm; false when the tag does not match.
-bool decryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* sealed, int n, const unsigned char* tag,
-          unsigned char* out) {
+bool decryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* sealed, int n,
+                const unsigned char* tag, unsigned char* out) {
     CipherContext ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     int len = 0;
     return ctx && EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce) == 1 &&
@@ -150,13 +146,13 @@ bool unprotect(const Key& key, const char* input, std::string& plain) {
     std::size_t length = std::strlen(input);
     if (length > kLongestProtected || std::strncmp(input, kPrefix, kPrefixLength) != 0) return false;
     std::string raw;
-    if (!decodeBase64Url(input + kPrefixLength, length - kPrefixLength, raw)) return false;
+    if (!decodeBase64Url(input + kPrefixLength, raw)) return false;
     if (raw.size() < kNonceLength + kTagLength) return false;
     const auto* bytes = reinterpret_cast<const unsigned char*>(raw.data());
     std::size_t n = raw.size() - kNonceLength - kTagLength;
     plain.assign(n, '\0');
     bool ok = decryptGcm(key, bytes, bytes + kNonceLength, static_cast<int>(n), bytes + kNonceLength + n,
-                   reinterpret_cast<unsigned char*>(&plain[0]));
+                         reinterpret_cast<unsigned char*>(&plain[0]));
     // A zero byte could not survive the trip through a text.
     if (ok && plain.find('\0') == std::string::npos) return true;
     OPENSSL_cleanse(&plain[0], plain.size());
@@ -166,12 +162,12 @@ bool unprotect(const Key& key, const char* input, std::string& plain) {
 
 bool protect(const Key& key, const char* input, std::string& result) {
     std::size_t n = std::strlen(input);
-    if (kPrefixLength + encodedLength(kNonceLength + n + kTagLength) > kLongestProtected) return false;
+    if (protectedLength(n) > kLongestProtected) return false;
     std::string raw(kNonceLength + n + kTagLength, '\0');
     auto* bytes = reinterpret_cast<unsigned char*>(&raw[0]);
     if (RAND_bytes(bytes, static_cast<int>(kNonceLength)) != 1) return false;
-    if (!encryptGcm(key, bytes, reinterpret_cast<const unsigned char*>(input), static_cast<int>(n), bytes + kNonceLength,
-              bytes + kNonceLength + n))
+    auto* plain = reinterpret_cast<const unsigned char*>(input);
+    if (!encryptGcm(key, bytes, plain, static_cast<int>(n), bytes + kNonceLength, bytes + kNonceLength + n))
         return false;
     result = kPrefix + encodeBase64Url(bytes, raw.size());
     return true;

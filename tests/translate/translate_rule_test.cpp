@@ -4,45 +4,26 @@
 #include <gtest/gtest.h>
 
 TEST(TranslateRuleTest, DestinationDefaultsFromTheSourcePartByPart) {
-    const std::string longName(600, 'k');
-    struct { std::string element; TranslateRule expected; } cases[] = {
-        {R"(<r srcFile="/a.ini" srcSec="S" srcKey="K" dstFile="/b.ini" dstSec="T" dstKey="L"/>)",
-         {"/b.ini", "T", "L", false, "/a.ini", "S", "K"}},
-        {R"(<r srcFile="/a.ini" srcSec="S" srcKey="K" dstKey="L"/>)", {"/a.ini", "S", "L", false, "/a.ini", "S", "K"}},
-        {R"(<r srcFile="/a.ini" srcSec="S" srcKey="K" dstEncrypt="1"/>)", {"/a.ini", "S", "K", true, "/a.ini", "S", "K"}},
-        {R"(<other dstFile="/b.ini" dstSec="T" dstKey="L"/>)", {"/b.ini", "T", "L", false, "", "", ""}},
-        {R"(<r srcFile="/a.ini" dstFile="" dstSec="T"/>)", {"/a.ini", "T", "", false, "/a.ini", "", ""}},
-        {R"(<r DstFile="/b.ini" srcfile="/a.ini" dstSec="T"/>)", {"", "T", "", false, "", "", ""}},
-        {R"(<r><r srcFile="/a.ini" srcSec="S" srcKey="K"/></r>)", {}},
-        {"plain text", {}},
-        {R"(<r srcFile="/a.ini" srcSec="S	x" srcKey="a&amp;b"/>)", {"/a.ini", "S x", "a&b", false, "/a.ini", "S x", "a&b"}},
-        {"<r srcFile=\"/a.ini\" srcSec=\"S\" srcKey=\"" + longName + "\"/>",
-         {"/a.ini", "S", longName, false, "/a.ini", "S", longName}},
+    const std::string longKey(600, 'k');
+    // Expected: dstFile|dstSec|dstKey|dstEncrypt|srcFile|srcSec|srcKey
+    struct { std::string element; std::string expected; } cases[] = {
+        {R"(<r srcFile="/a" srcSec="S" srcKey="K" dstFile="/b" dstSec="T" dstKey="L"/>)", "/b|T|L|0|/a|S|K"},
+        {R"(<r srcFile="/a" srcSec="S" srcKey="K" dstKey="L" dstEncrypt="0"/>)", "/a|S|L|0|/a|S|K"},
+        {R"(<r srcFile="/a" srcSec="S" srcKey="K" dstEncrypt="1"/>)", "/a|S|K|1|/a|S|K"},
+        {R"(<other dstFile="/b" dstSec="T" dstKey="L" dstEncrypt="true"/>)", "/b|T|L|0|||"},
+        {R"(<r srcFile="/a" dstFile="" dstSec="T" dstEncrypt=" 1 "/>)", "/a|T||0|/a||"},
+        {R"(<r DstFile="/b" srcfile="/a" dstSec="T" DstEncrypt="1"/>)", "|T||0|||"},
+        {R"(<r dstEncrypt=""><r srcFile="/a" srcSec="S" srcKey="K"/></r>)", "|||0|||"},
+        {"text", "|||0|||"},
+        {R"(<r srcFile="/a" srcSec="S	x" srcKey="a&amp;b" dstEncrypt="01"/>)", "/a|S x|a&b|0|/a|S x|a&b"},
+        {"<r srcKey=\"" + longKey + "\"/>", "||" + longKey + "|0|||" + longKey},
     };
     for (const auto& c : cases) {
         pugi::xml_document doc;
         ASSERT_TRUE(doc.load_string(("<translate>" + c.element + "</translate>").c_str())) << c.element;
-        TranslateRule rule = parseTranslateRule(doc.first_child().first_child());
-        const TranslateRule& e = c.expected;
-        EXPECT_EQ(rule.dstFile, e.dstFile) << c.element;
-        EXPECT_EQ(rule.dstSec, e.dstSec) << c.element;
-        EXPECT_EQ(rule.dstKey, e.dstKey) << c.element;
-        EXPECT_EQ(rule.dstEncrypt, e.dstEncrypt) << c.element;
-        EXPECT_EQ(rule.srcFile, e.srcFile) << c.element;
-        EXPECT_EQ(rule.srcSec, e.srcSec) << c.element;
-        EXPECT_EQ(rule.srcKey, e.srcKey) << c.element;
-    }
-}
-
-TEST(TranslateRuleTest, OnlyTheExactTextOneAsksForProtection) {
-    struct { const char* attribute; bool expected; } cases[] = {
-        {R"(dstEncrypt="1")", true}, {R"(dstEncrypt="")", false},   {R"(dstEncrypt="0")", false},
-        {R"(dstEncrypt="true")", false}, {R"(dstEncrypt="01")", false}, {R"(dstEncrypt=" 1 ")", false},
-        {R"(DstEncrypt="1")", false}, {"", false},
-    };
-    for (const auto& c : cases) {
-        pugi::xml_document doc;
-        ASSERT_TRUE(doc.load_string((std::string("<t><r srcFile=\"/a\" ") + c.attribute + "/></t>").c_str()));
-        EXPECT_EQ(parseTranslateRule(doc.first_child().first_child()).dstEncrypt, c.expected) << c.attribute;
+        TranslateRule r = parseTranslateRule(doc.first_child().first_child());
+        EXPECT_EQ(r.dstFile + "|" + r.dstSec + "|" + r.dstKey + "|" + (r.dstEncrypt ? "1" : "0") + "|" + r.srcFile +
+                      "|" + r.srcSec + "|" + r.srcKey,
+                  c.expected);
     }
 }

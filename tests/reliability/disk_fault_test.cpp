@@ -84,10 +84,10 @@ std::vector<std::string> checkFault(const FaultKind& kind, const ToolRun& run, c
 class DiskFault : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(DiskFault, EachFailedCallIsLoggedOnceAndLosesNothing) {
-    const std::string mode = GetParam();
+    const std::string variant = GetParam(), mode = modeOf(variant);
     WorkDir work;
     const std::string start = work.path("start"), run = work.path("run");
-    buildImage(start, mode);
+    buildImage(start, variant);
     const Tree before = snapshot(start);
     copyImage(start, run);
     ToolRun reference = runTool(run, mode);
@@ -105,12 +105,12 @@ TEST_P(DiskFault, EachFailedCallIsLoggedOnceAndLosesNothing) {
             copyImage(start, run);
             ToolRun faulty = runTool(run, mode, {kind.op, n, kind.errnoName});
             for (const auto& p : checkFault(kind, faulty, snapshot(run), before, after, knownLines))
-                problems.push_back("mode " + mode + ", " + kind.op + " call " + std::to_string(n) + " fails with " +
+                problems.push_back("mode " + variant + ", " + kind.op + " call " + std::to_string(n) + " fails with " +
                                    kind.errnoName + ": " + p);
         }
     }
-    std::cout << "[ faults ] mode " << mode << ": " << tried << " failed calls, " << problems.size() << " problems\n";
+    std::cout << "[ faults ] mode " << variant << ": " << tried << " failed calls, " << problems.size() << " problems\n";
     for (size_t i = 0; i < problems.size() && i < 20; ++i) ADD_FAILURE() << problems[i];
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, DiskFault, ::testing::Values("all", "dev", "pwd", "1", "2"));
+INSTANTIATE_TEST_SUITE_P(Modes, DiskFault, ::testing::Values("all", "dev", "pwd", "pwd+lock", "1", "2"));

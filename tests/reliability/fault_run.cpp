@@ -12,6 +12,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/pw_data.h"
+
 extern char** environ;
 
 namespace reliability {
@@ -65,6 +67,19 @@ std::vector<std::string> cleanEnvironment() {
             env.push_back(entry);
     }
     return env;
+}
+
+// Protected values carry a random nonce, so two runs never write the same bytes for
+// them. Each is compared by what it protects: "pw1:TOKEN" reads "pw1(PLAIN)".
+std::string canonical(std::string bytes) {
+    static const char kTokenChars[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    for (size_t at = bytes.find("pw1:"); at != std::string::npos; at = bytes.find("pw1:", at + 1)) {
+        size_t end = bytes.find_first_not_of(kTokenChars, at + 4);
+        std::string token = bytes.substr(at, end == std::string::npos ? end : end - at);
+        char plain[kPwDataBufferSize] = {};
+        if (pw_data_decrypt(token.c_str(), plain) == 0) bytes.replace(at, token.size(), "pw1(" + std::string(plain) + ")");
+    }
+    return bytes;
 }
 
 }  // namespace
@@ -127,7 +142,7 @@ Tree snapshot(const std::string& root) {
         if (entry.is_symlink())
             tree[logical] = "-> " + fs::read_symlink(entry.path()).string();
         else if (entry.is_regular_file())
-            tree[logical] = readAll(entry.path());
+            tree[logical] = canonical(readAll(entry.path()));
     }
     return tree;
 }
@@ -157,7 +172,16 @@ void buildImage(const std::string& root, const std::string& mode) {
     writeAll(root + "/config/user/voip/sipAccount3.cfg",
              "[account]\r\nEnable = 0\r\nUserName = 1004\r\npassword = spare#4\r\nCancelTimer = 90\r\n");
     if (mode == "2") runTool(root, "1");
+    // "+lock": the factory wants the passwords protected and the user's are plain.
+    if (mode.find("+lock") != std::string::npos) {
+        writeAll(root + "/phone/factory/user/user.ini", "[PhoneSetting]\nEnLock = 1\n");
+        std::string user = readAll(root + "/config/user/user.ini");
+        user.replace(user.find("EnLock = 1"), 10, "EnLock = 0");
+        writeAll(root + "/config/user/user.ini", user);
+    }
 }
+
+std::string modeOf(const std::string& variant) { return variant.substr(0, variant.find('+')); }
 
 bool directIpAccountKept(const Tree& tree) {
     for (const auto& [path, bytes] : tree)
@@ -172,7 +196,7 @@ std::map<std::string, std::set<State>> statesOfRun(const Tree& before, const Too
     for (const auto& r : run.records) {
         if (r.tag != "renamed" && r.tag != "unlinked") continue;
         if (!before.count(r.path)) states[r.path].insert(std::nullopt);
-        states[r.path].insert(r.data);
+        states[r.path].insert(r.data ? State(canonical(*r.data)) : r.data);
     }
     return states;
 }

@@ -12,6 +12,7 @@
 namespace reliability {
 
 // Logical path -> bytes of every regular file under a root; a link reads "-> TARGET".
+// A protected value "pw1:TOKEN" reads "pw1(PLAIN)": its bytes differ from run to run.
 using Tree = std::map<std::string, std::string>;
 using State = std::optional<std::string>;  // nullopt: no such file
 
@@ -48,7 +49,9 @@ void copyImage(const std::string& from, const std::string& to);
 
 // Builds the test image for a mode in `root`: the example phone image with a second
 // direct-IP account, and for mode "2" the image as an uninterrupted mode "1" left it.
+// A mode followed by "+lock" gets a factory that asks for protected passwords.
 void buildImage(const std::string& root, const std::string& mode);
+std::string modeOf(const std::string& variant);
 
 // A value found only in the direct-IP account of the image: some account place must hold it.
 bool directIpAccountKept(const Tree& tree);

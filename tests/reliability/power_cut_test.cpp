@@ -39,10 +39,10 @@ std::vector<std::string> checkCut(const Tree& now, const std::map<std::string, s
 class PowerCut : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(PowerCut, EveryCutLeavesWholeFilesAndTheNextRunFinishesTheJob) {
-    const std::string mode = GetParam();
+    const std::string variant = GetParam(), mode = modeOf(variant);
     WorkDir work;
     const std::string start = work.path("start"), run = work.path("run");
-    buildImage(start, mode);
+    buildImage(start, variant);
     const Tree before = snapshot(start);
     ASSERT_TRUE(directIpAccountKept(before));
 
@@ -61,7 +61,7 @@ TEST_P(PowerCut, EveryCutLeavesWholeFilesAndTheNextRunFinishesTheJob) {
     std::vector<std::string> problems;
     int reinstalledCuts = 0;
     for (const Fault& cut : cuts) {
-        std::string where = "mode " + mode + ", " + cut.action + " at " + cut.ops + " call " + std::to_string(cut.at) + ": ";
+        std::string where = "mode " + variant + ", " + cut.action + " at " + cut.ops + " call " + std::to_string(cut.at) + ": ";
         copyImage(start, run);
         ToolRun cutRun = runTool(run, mode, cut);
         if (cutRun.exitCode != 86) problems.push_back(where + "not cut (exit " + std::to_string(cutRun.exitCode) + ")");
@@ -82,7 +82,7 @@ TEST_P(PowerCut, EveryCutLeavesWholeFilesAndTheNextRunFinishesTheJob) {
         for (const auto& [path, bytes] : after)
             if (!final.count(path)) problems.push_back(where + "after the rerun " + path + " is missing");
     }
-    std::cout << "[ cuts ] mode " << mode << ": " << cuts.size() << " cut points (" << reinstalledCuts
+    std::cout << "[ cuts ] mode " << variant << ": " << cuts.size() << " cut points (" << reinstalledCuts
               << " after the direct-IP install), " << problems.size() << " problems\n";
     for (size_t i = 0; i < problems.size() && i < 20; ++i) ADD_FAILURE() << problems[i];
     if (after != before) {
@@ -90,4 +90,4 @@ TEST_P(PowerCut, EveryCutLeavesWholeFilesAndTheNextRunFinishesTheJob) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, PowerCut, ::testing::Values("all", "dev", "pwd", "1", "2"));
+INSTANTIATE_TEST_SUITE_P(Modes, PowerCut, ::testing::Values("all", "dev", "pwd", "pwd+lock", "1", "2"));

@@ -56,14 +56,16 @@ bool directoryExists(const std::string& logical) {
 
 }  // namespace
 
-IniPtr loadIni(const std::string& logical) {
+IniPtr loadIni(const std::string& path) {
+    const std::string logical = fs::canonicalPath(path);
     if (!fs::physicalPath(logical)) return nullptr;
     CachedFile& entry = entryFor(logical);
     if (entry.unreadable) cache().readFailed = true;
     return entry.text;
 }
 
-bool storeIni(const std::string& logical, IniPtr text) {
+bool storeIni(const std::string& path, IniPtr text) {
+    const std::string logical = fs::canonicalPath(path);
     if (!text || !fs::physicalPath(logical)) return false;
     CachedFile& entry = entryFor(logical);
     if (entry.unreadable || (!entry.text && !directoryExists(logical))) return false;
@@ -75,7 +77,7 @@ bool storeIni(const std::string& logical, IniPtr text) {
 
 bool iniExists(const std::string& logical) {
     auto& files = cache().files;
-    auto it = files.find(logical);
+    auto it = files.find(fs::canonicalPath(logical));
     if (it != files.end() && (it->second.text || it->second.unreadable)) return true;
     return fs::pathExists(logical);
 }
@@ -116,13 +118,13 @@ bool commitStep() {
 
 const std::string* pendingBytes(const std::string& logical, std::string& scratch) {
     auto& files = cache().files;
-    auto it = files.find(logical);
+    auto it = files.find(fs::canonicalPath(logical));
     if (it == files.end() || !it->second.dirty) return nullptr;
     scratch = it->second.text->serialize();
     return &scratch;
 }
 
-void forgetFile(const std::string& logical) { cache().files.erase(logical); }
+void forgetFile(const std::string& logical) { cache().files.erase(fs::canonicalPath(logical)); }
 
 void discardAll() {
     cache().files.clear();

@@ -1,4 +1,5 @@
-// The INI files of this run, parsed once and shared by every access family.
+// The INI files of this run, parsed once and shared by every access family. A file
+// is known under one spelling of its path: "/config//a.ini" is "/config/./a.ini".
 //
 // Reads see the latest content of a file, whoever changed it: a path-addressed
 // set, a flushed section handle or a saved document. Changes stay in memory until

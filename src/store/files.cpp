@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -210,6 +211,19 @@ std::optional<std::string> physicalPath(std::string_view logical) {
         pos = next;
     }
     return root() + std::string(logical);
+}
+
+std::string canonicalPath(std::string_view logical) {
+    std::string out;
+    for (size_t pos = 0; pos < logical.size();) {
+        size_t next = std::min(logical.find('/', pos), logical.size());
+        std::string_view part = logical.substr(pos, next - pos);
+        if (part != "." && !(part.empty() && pos > 0)) out.append(part).append(next < logical.size() ? "/" : "");
+        pos = next + 1;
+    }
+    // A trailing slash is kept: "/a.ini/" names no file, "/a.ini" may.
+    if (!logical.empty() && logical.back() == '/' && (out.empty() || out.back() != '/')) out += '/';
+    return out;
 }
 
 bool readFile(const std::string& logical, std::string& bytes) {

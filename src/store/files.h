@@ -17,6 +17,10 @@ namespace store::fs {
 // Nullopt for a path that is not absolute or that contains a ".." component.
 std::optional<std::string> physicalPath(std::string_view logical);
 
+// The one spelling of a logical path that the store keys its knowledge by: repeated
+// slashes and "." components, which name the same file, are taken out.
+std::string canonicalPath(std::string_view logical);
+
 // Whole content of a regular file. False when it is missing or cannot be read.
 bool readFile(const std::string& logical, std::string& bytes);
 

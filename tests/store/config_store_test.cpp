@@ -161,3 +161,12 @@ TEST_F(StoreTest, CopiesReplaceAtomicallyAndReportFailure) {
     EXPECT_TRUE(store::removeFile("/dst.cfg"));
     EXPECT_FALSE(ETL_MiscHelper::pathFileExist("/dst.cfg"));
 }
+
+TEST_F(StoreTest, PathsNamingOneFileShareItsChanges) {
+    write("/config/a.ini", "[S]\n");
+    etlSetProfileInt("/config//a.ini", "S", "x", 1);
+    etlSetProfileInt("/config/./a.ini", "S", "y", 2);
+    EXPECT_EQ(etlGetProfileInt("/config/a.ini", "S", "x", 0), 1);
+    commit();
+    EXPECT_EQ(read("/config/a.ini"), "[S]\nx=1\ny=2\n");
+}

@@ -1,15 +1,19 @@
 # Quick start: `make demo` runs the tool on the example phone image, `make test`
-# runs every test (a normal build and a sanitizer build). Both install what is missing.
+# runs every test (a normal build and a sanitizer build), `make fuzz` runs the fuzz
+# targets for a bounded time. All of them install what is missing.
 
 PACKAGES := cmake g++ make pkg-config libgtest-dev libpugixml-dev libssl-dev diffutils
+FUZZ_PACKAGES := clang libclang-rt-dev
 JOBS     ?= $(shell nproc)
+FUZZ_SECONDS ?= 45
 
-.PHONY: all deps build demo test clean
+.PHONY: all deps fuzz-deps build demo test fuzz clean
 
 all: build
 
-deps:
-	@missing=$$(for p in $(PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+# Installs the packages named in $(1) that are missing (as root), or names them.
+define install_missing
+	@missing=$$(for p in $(1); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ]; then \
 	    echo "Installing:" $$missing; \
@@ -18,6 +22,13 @@ deps:
 	    echo "Missing packages:" $$missing; echo "Install them with: sudo apt-get install" $$missing; exit 1; \
 	  fi; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(PACKAGES))
+
+fuzz-deps: deps
+	$(call install_missing,$(FUZZ_PACKAGES))
 
 build: deps
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -34,5 +45,11 @@ test: deps
 	cmake --build build-sanitize -j $(JOBS)
 	cd build-sanitize && ctest --output-on-failure -j $(JOBS)
 
+# Every libFuzzer target (clang, ASan, UBSan) for FUZZ_SECONDS each, two at a time.
+fuzz: fuzz-deps
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCFGUPGRADE_FUZZ=ON -DCFGUPGRADE_TESTS=OFF >/dev/null
+	cmake --build build-fuzz -j $(JOBS)
+	bash fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
 clean:
-	rm -rf build build-sanitize
+	rm -rf build build-sanitize build-fuzz

@@ -14,8 +14,9 @@ namespace fs = std::filesystem;
 
 const std::string& phoneRoot() {
     static const std::string root = [] {
-        char pattern[] = "/tmp/cfgupgrade-fuzz-XXXXXX";
-        std::string dir = mkdtemp(pattern) ? pattern : "";
+        // Memory-backed where there is one: the store syncs every file it writes.
+        std::string pattern = fs::is_directory("/dev/shm") ? "/dev/shm/cfgupgrade-fuzz-XXXXXX" : "/tmp/cfgupgrade-fuzz-XXXXXX";
+        std::string dir = mkdtemp(&pattern[0]) ? pattern : "";
         if (dir.empty()) fail("cannot make a temporary root");
         setenv("CFGUPGRADE_ROOT", dir.c_str(), 1);
         setenv("CFGUPGRADE_LOG", "/dev/null", 1);
@@ -29,15 +30,29 @@ const std::string& phoneRoot() {
     return root;
 }
 
+namespace {
+std::string current;  // the root files are planted in; phoneRoot() until freshRoot()
+}
+
+void freshRoot() {
+    static unsigned long count = 0;
+    std::error_code ec;
+    if (!current.empty()) fs::remove_all(current, ec);
+    current = phoneRoot() + "/" + std::to_string(++count);
+    fs::create_directories(current);
+    setenv("CFGUPGRADE_ROOT", current.c_str(), 1);
+    store::reset();
+}
+
 void plant(const std::string& logical, const std::string& bytes) {
-    std::string path = phoneRoot() + logical;
+    std::string path = (current.empty() ? phoneRoot() : current) + logical;
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
     store::reset();
 }
 
 std::string readBack(const std::string& logical) {
-    std::ifstream in(phoneRoot() + logical, std::ios::binary);
+    std::ifstream in((current.empty() ? phoneRoot() : current) + logical, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 

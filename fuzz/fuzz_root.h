@@ -8,7 +8,11 @@ namespace fuzz {
 
 const std::string& phoneRoot();
 
-// Replaces a file of the root (by logical path) and starts the store afresh.
+// Points CFGUPGRADE_ROOT at a new empty directory below phoneRoot() (the last one is
+// removed), for code that keeps state keyed by physical path from call to call.
+void freshRoot();
+
+// Replaces a file of the current root (by logical path) and starts the store afresh.
 void plant(const std::string& logical, const std::string& bytes);
 
 // The bytes of a file of the root; nothing when it is missing.

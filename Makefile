@@ -1,10 +1,11 @@
 # Quick start: `make demo` runs the tool on the example phone image, `make test`
-# runs every test (a normal build and a sanitizer build). Both install what is missing.
+# runs every test (a normal build and a sanitizer build), `make bench` runs the
+# benchmark of docs/performance.md. All install what is missing.
 
 PACKAGES := cmake g++ make pkg-config libgtest-dev libpugixml-dev libssl-dev diffutils
 JOBS     ?= $(shell nproc)
 
-.PHONY: all deps build demo test clean
+.PHONY: all deps build demo test bench bench-smoke clean
 
 all: build
 
@@ -34,5 +35,13 @@ test: deps
 	cmake --build build-sanitize -j $(JOBS)
 	cd build-sanitize && ctest --output-on-failure -j $(JOBS)
 
+# About 15 minutes; BENCH_FLAGS=--full-peer adds the slow peer runs.
+bench: deps
+	bash bench/run.sh $(BENCH_FLAGS)
+
+# The benchmark end to end in seconds, for CI: no figures worth keeping.
+bench-smoke: deps
+	bash bench/run.sh --quick >/dev/null
+
 clean:
-	rm -rf build build-sanitize
+	rm -rf build build-sanitize build-bench

@@ -1,5 +1,7 @@
 #include "store/config_store.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <deque>
 #include <utility>
@@ -14,7 +16,8 @@ namespace {
 // An empty value reads as the default, like a missing one; anything else as strtol does.
 int parseInt(const std::string* value, int def) {
     if (!value || value->empty()) return def;
-    return static_cast<int>(std::strtol(value->c_str(), nullptr, 10));
+    // Clamped as the phone's 32-bit strtol clamps, so a host reads what the phone reads.
+    return static_cast<int>(std::clamp<long>(std::strtol(value->c_str(), nullptr, 10), INT_MIN, INT_MAX));
 }
 
 const std::string* findValue(const store::IniPtr& text, std::string_view section, std::string_view key) {

@@ -20,19 +20,20 @@ TEST_F(RunTable, EachModeRunsItsStepsAndGates) {
         const char* version;   // /config/version.ini
         bool accountStep;      // SCALineKeyNumber made explicit
         const char* backlight; // stored nBacklightTime afterwards
-        bool printed;          // iBackLightTime line on standard output
+        const char* out;       // standard output
     } cases[] = {
-        {{"cfgupgrade", "all"}, "", true, "2940", true},
-        {{"cfgupgrade", "dev", "extra"}, "", true, "2940", true},
-        {{"cfgupgrade", "all"}, "[SyncConfig]\nbEnableFromOld=0\n", true, "49", false},
-        {{"cfgupgrade", "pwd"}, "", true, "49", false},
-        {{"cfgupgrade", "1"}, "", true, "49", false},
-        {{"cfgupgrade", "2"}, "", true, "49", false},
-        {{"cfgupgrade", "ALL"}, "", true, "49", false},
-        {{"cfgupgrade", ""}, "", true, "49", false},
-        {{"cfgupgrade"}, "", false, "49", false},
+        {{"cfgupgrade", "all"}, "", true, "2940", "iBackLightTime[49]\n"},
+        {{"cfgupgrade", "dev", "extra"}, "", true, "2940", "iBackLightTime[49]\n"},
+        {{"cfgupgrade", "all"}, "[SyncConfig]\nbEnableFromOld=0\n", true, "49", ""},
+        {{"cfgupgrade", "pwd"}, "", true, "49", ""},
+        {{"cfgupgrade", "1"}, "", true, "49", ""},
+        {{"cfgupgrade", "2"}, "", true, "49", "No File[/config/softkey/Talking.xml]!\n"},
+        {{"cfgupgrade", "ALL"}, "", true, "49", ""},
+        {{"cfgupgrade", ""}, "", true, "49", ""},
+        {{"cfgupgrade"}, "", false, "49", ""},
     };
     for (const auto& c : cases) {
+        TearDown();
         SetUp();
         write("/config/user/user.ini", "[Backlight]\nnBacklightTime=49\n");
         write("/config/version.ini", c.version);
@@ -43,8 +44,7 @@ TEST_F(RunTable, EachModeRunsItsStepsAndGates) {
         EXPECT_EQ(read("/config/user/voip/sipAccount2.cfg").find("SCALineKeyNumber=-1") != std::string::npos,
                   c.accountStep);
         EXPECT_NE(read("/config/user/user.ini").find(std::string("nBacklightTime=") + c.backlight), std::string::npos);
-        EXPECT_EQ(out, c.printed ? "iBackLightTime[49]\n" : "");
-        TearDown();
+        EXPECT_EQ(out, c.out);
     }
 }
 
@@ -54,6 +54,7 @@ TEST_F(RunTable, BacklightConversionTable) {
         {"0", "0", "0"}, {"-2", "-2", "-120"}, {"-2147483648", "-2147483648", "-2147483648"},
     };
     for (const auto& c : cases) {
+        TearDown();
         SetUp();
         write("/config/user/user.ini", c.stored ? std::string("[Backlight]\nnBacklightTime=") + c.stored + "\n" : "");
         testing::internal::CaptureStdout();
@@ -63,7 +64,6 @@ TEST_F(RunTable, BacklightConversionTable) {
         std::string expected = c.after ? std::string("nBacklightTime=") + c.after + "\n" : "";
         EXPECT_EQ(user.find("nBacklightTime") != std::string::npos, c.after != nullptr) << user;
         EXPECT_NE(user.find(expected), std::string::npos) << user;
-        TearDown();
     }
 }
 

@@ -41,9 +41,9 @@ TEST_F(StoreTest, EveryCompletedWriteIsSeenByEveryFamily) {
 }
 
 TEST_F(StoreTest, ReadsGiveDefaultsAndSetsCreateFilesButNoDirectories) {
-    write("/config/a.ini", "[S]\nnum=12ab\nword=abc\nempty=\nneg= -7\n");
+    write("/config/a.ini", "[S]\nnum=12ab\nword=abc\nempty=\nneg= -7\nhuge=99999999999\n");
     struct { const char* key; int expected; } cases[] = {
-        {"num", 12}, {"word", 0}, {"empty", 5}, {"neg", -7}, {"missing", 5},
+        {"num", 12}, {"word", 0}, {"empty", 5}, {"neg", -7}, {"missing", 5}, {"huge", 2147483647},
     };
     for (const auto& c : cases) EXPECT_EQ(etlGetProfileInt("/config/a.ini", "S", c.key, 5), c.expected) << c.key;
     EXPECT_EQ(etlGetProfileInt("/config/none.ini", "S", "num", 5), 5);

@@ -14,3 +14,6 @@ void migrateRingbackTimeout();
 void gatherDirectIpAccount();
 // Mode 2: installs the direct-IP file, or the factory's, as account file 16.
 void installDirectIpAccount();
+// Drops one leading '?' from every key value inside a section and saves the file.
+// 1 when saved; 0 for an empty path, a missing or unreadable file, or a failed save.
+int stripValueMarks(const std::string& path);

@@ -1,5 +1,70 @@
 #include "migrations/accounts/accounts.h"
+#include "store/config_store.h"
 
-// Not built yet: both phases do nothing when their turn comes.
-void gatherDirectIpAccount() {}
-void installDirectIpAccount() {}
+namespace {
+
+const char kDirectIpFile[] = "/config/user/voip/directip.cfg";
+const char kFactoryAccount16[] = "/phone/factory/user/voip/sipAccount16.cfg";
+
+// Only the value 1 marks the direct-IP account; 2 or anything else does not.
+bool flaggedDirectIp(const std::string& accountFile) {
+    return etlGetRegistryInt(accountFile, "account", "directip", 0) == 1;
+}
+
+// One leading '?' marks a value; only that byte goes. Blanks that then lead the value
+// ("? abc") go too: a value cannot begin with a blank in these files, so they read as
+// spacing after the '=' and the next load would drop them anyway.
+void stripMark(ETL_FileHelper::iniKey& key) {
+    std::string value = key.GetValue("");
+    if (value.empty() || value[0] != '?') return;
+    size_t start = value.find_first_not_of(" \t", 1);
+    key.SetValue(start == std::string::npos ? std::string_view() : std::string_view(value).substr(start));
+}
+
+// Keys before the first section and lines that are not keys are passed over.
+void stripSectionMarks(ETL_FileHelper::iniSection& section) {
+    for (ETL_FileHelper::iniObject* node : section.objects())
+        if (node && node->type() == ETL_FileHelper::iniObject::kKey)
+            stripMark(*static_cast<ETL_FileHelper::iniKey*>(node));
+}
+
+}  // namespace
+
+void gatherDirectIpAccount() {
+    bool gathered = false;
+    for (int n = 16; n >= 0; --n) {
+        std::string path = accountFilePath(n);
+        if (!ETL_MiscHelper::pathFileExist(path) || !flaggedDirectIp(path)) continue;
+        // The highest flagged file that copies becomes the direct-IP file. A file whose
+        // copy failed keeps its place, and the next flagged file gets its turn.
+        if (!gathered) {
+            if (!store::copyFile(kDirectIpFile, path)) continue;
+            gathered = true;
+        }
+        // The direct-IP file is durable by now, so removing the source loses nothing.
+        store::removeFile(path);
+    }
+}
+
+void installDirectIpAccount() {
+    std::string account16 = accountFilePath(16);
+    if (ETL_MiscHelper::pathFileExist(kDirectIpFile)) {
+        // The direct-IP file goes only once account file 16 holds it.
+        if (store::copyFile(account16, kDirectIpFile)) store::removeFile(kDirectIpFile);
+        return;
+    }
+    if (!ETL_MiscHelper::pathFileExist(kFactoryAccount16)) return;
+    // Stripping after a failed copy would change the account file 16 that was there.
+    if (store::copyFile(account16, kFactoryAccount16)) stripValueMarks(account16);
+}
+
+int stripValueMarks(const std::string& path) {
+    if (path.empty() || !ETL_MiscHelper::pathFileExist(path)) return 0;
+    ETL_FileHelper::iniFile doc(nullptr);
+    // A file that exists but cannot be loaded is left as it is, never saved over.
+    if (!doc.LoadFromFile(path)) return 0;
+    for (ETL_FileHelper::iniObject* node : doc.objects())
+        if (node && node->type() == ETL_FileHelper::iniObject::kSection)
+            stripSectionMarks(*static_cast<ETL_FileHelper::iniSection*>(node));
+    return doc.SaveToFile(path) ? 1 : 0;
+}

@@ -29,6 +29,7 @@ TEST_F(AccountDefaults, RingbackTimeoutIsSeededFromAccountZeroOnlyWhenUnset) {
         {"[Feature]\nRingbackTimeout=60\n", "[account]\nCancelTimer=120\n", nullptr, "60"},
     };
     for (const auto& c : cases) {
+        TearDown();
         SetUp();
         write("/config/user/user.ini", c.user);
         if (c.account0) write(accountFilePath(0), c.account0);
@@ -37,6 +38,5 @@ TEST_F(AccountDefaults, RingbackTimeoutIsSeededFromAccountZeroOnlyWhenUnset) {
         std::string user = read("/config/user/user.ini");
         EXPECT_NE(user.find(std::string("RingbackTimeout=") + c.expected + "\n"), std::string::npos) << user;
         EXPECT_EQ(read(accountFilePath(0)), c.account0 ? c.account0 : "");
-        TearDown();
     }
 }

@@ -64,9 +64,15 @@ log() { printf '%s %s\n' "$(date +%H:%M:%S)" "$*" >&2; }
 # pages are flushed by the measured run's first fsync.
 fresh() { rm -rf "$2"; cp -a "$1" "$2"; sync -f "$2"; }
 
-run_tool() {  # ROOT MODE -> "wall_us rss_kib status"
-  "$measure" CFGUPGRADE_ROOT="$1" CFGUPGRADE_LOG=/dev/null -- "$tool" "$2"
+# Runs a command under measure and sets WALL (microseconds) and RSS (KiB); stops
+# the benchmark when the command failed, since its figures would mean nothing.
+timed() {
+  local status
+  read -r WALL RSS status < <("$measure" "$@")
+  if [ "$status" != 0 ]; then echo "bench: exit status $status from: $*" >&2; exit 1; fi
 }
+
+run_tool() { timed CFGUPGRADE_ROOT="$1" CFGUPGRADE_LOG=/dev/null -- "$tool" "$2"; }  # ROOT MODE
 
 # Runs the tool under strace on ROOT and prints "BYTES FSYNCS RENAMES UNLINKS";
 # the files it read go to READLIST. Writes and fsyncs are counted on files under
@@ -85,7 +91,7 @@ observe() {  # ROOT MODE TRACE READLIST
     / (fsync|fdatasync|syncfs|sync_file_range)\(/ { fsyncs++ }
     / rename(at2?)?\(/ && $NF == 0 { renames++ }
     / unlink(at)?\(/ && $NF == 0 { unlinks++ }
-    / openat\(/ && !/O_WRONLY|O_RDWR|O_DIRECTORY|O_CREAT/ && $NF !~ /^-/ {
+    / openat\(/ && !/O_WRONLY|O_RDWR|O_DIRECTORY|O_CREAT/ && / = [0-9]+</ {
       match($0, /"[^"]*"/); p = substr($0, RSTART + 1, RLENGTH - 2)
       if (under(p) && !(p in seen)) { seen[p] = 1; print substr(p, length(root) + 1) > readlist }
     }
@@ -99,7 +105,11 @@ observe() {  # ROOT MODE TRACE READLIST
 plan() {  # BEFORE AFTER READLIST PLAN BLOB
   local before=$1 after=$2 readlist=$3 out=$4 blob=$5 f offset=0 size
   : > "$blob"
-  sed 's/^/read /' "$readlist" > "$out"
+  : > "$out"
+  # A file the run made and then read back is not input: the floor never reads it.
+  while IFS= read -r f; do
+    [ -f "$before$f" ] && echo "read $f" >> "$out"
+  done < "$readlist"
   while IFS= read -r f; do
     if [ ! -f "$before$f" ] || ! cmp -s "$before$f" "$after$f"; then
       size=$(stat -c %s "$after$f")
@@ -167,12 +177,12 @@ for s in "${sizes[@]}"; do
       for who in $( [ $((i % 2)) = 1 ] && echo "tool floor" || echo "floor tool" ); do
         if [ "$who" = tool ]; then
           fresh "$images/$s" "$d/t"
-          read -r t1 rss1 _ < <(run_tool "$d/t" "$m")
-          read -r t2 rss2 _ < <(run_tool "$d/t" "$m")
+          run_tool "$d/t" "$m"; t1=$WALL; rss1=$RSS
+          run_tool "$d/t" "$m"; t2=$WALL; rss2=$RSS
         else
           fresh "$images/$s" "$d/f"
-          read -r f1 _ _ < <("$measure" -- "$floor" "$d/f" "$d/plan1" "$d/blob1")
-          read -r f2 _ _ < <("$measure" -- "$floor" "$d/f" "$d/plan2" "$d/blob2")
+          timed -- "$floor" "$d/f" "$d/plan1" "$d/blob1"; f1=$WALL
+          timed -- "$floor" "$d/f" "$d/plan2" "$d/blob2"; f2=$WALL
         fi
       done
       printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$s" "$m" "$i" "$t1" "$rss1" "$t2" "$rss2" "$f1" "$f2" >> "$results/runs.tsv"
@@ -194,9 +204,9 @@ for img in "${peer_images[@]}"; do
   log "peer on $img: $n run(s)"
   for i in $(seq "$n"); do
     fresh "$images/$img" "$work/p"
-    read -r p _ _ < <("$measure" -- bash "$top/bench/peer.sh" "$work/p")
+    timed -- bash "$top/bench/peer.sh" "$work/p"; p=$WALL
     fresh "$images/$img" "$work/p"
-    read -r t _ _ < <(run_tool "$work/p" dev)
+    run_tool "$work/p" dev; t=$WALL
     printf '%s\t%s\t%s\t%s\n' "$img" "$i" "$p" "$t" >> "$results/peer.tsv"
   done
 done
@@ -217,9 +227,9 @@ for n in "${ruleCounts[@]}"; do
   plan "$images/rules$n" "$d/first" "$d/read" "$d/plan" "$d/blob"
   for i in $(seq "$repeats"); do
     fresh "$images/rules$n" "$d/t"
-    read -r t _ _ < <(run_tool "$d/t" dev)
+    run_tool "$d/t" dev; t=$WALL
     fresh "$images/rules$n" "$d/f"
-    read -r f _ _ < <("$measure" -- "$floor" "$d/f" "$d/plan" "$d/blob")
+    timed -- "$floor" "$d/f" "$d/plan" "$d/blob"; f=$WALL
     printf '%s\t%s\t%s\t%s\n' "$n" "$i" "$t" "$f" >> "$results/scaling.tsv"
   done
   fresh "$images/rules$n" "$d/t"

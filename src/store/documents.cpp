@@ -57,8 +57,9 @@ bool directoryExists(const std::string& logical) {
 
 // The entry of a file that may be changed, or null: see storeIni.
 CachedFile* changeableEntry(const std::string& logical) {
-    if (!fs::physicalPath(logical)) return nullptr;
-    CachedFile& entry = entryFor(logical);
+    auto it = cache().files.find(logical);
+    if (it == cache().files.end() && !fs::physicalPath(logical)) return nullptr;
+    CachedFile& entry = it != cache().files.end() ? it->second : entryFor(logical);
     if (entry.unreadable || (!entry.text && !directoryExists(logical))) return nullptr;
     return &entry;
 }
@@ -71,6 +72,10 @@ void markChanged(const std::string& logical, CachedFile& entry) {
 }  // namespace
 
 IniPtr loadIni(const std::string& logical) {
+    // A file already known needs no path check: only usable paths get an entry.
+    auto& files = cache().files;
+    auto it = files.find(logical);
+    if (it != files.end()) return it->second.text;
     if (!fs::physicalPath(logical)) return nullptr;
     return entryFor(logical).text;
 }

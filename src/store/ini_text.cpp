@@ -137,10 +137,9 @@ bool iniSection::setKey(std::string_view key, std::string_view value, LineEnd ne
         before = newline;
         end = LineEnd::kNone;
     }
-    bool atEnd = pos == lines_.size();
+    // Only lines that hold no key follow `pos`, so no indexed position moves.
     lines_.insert(lines_.begin() + static_cast<std::ptrdiff_t>(pos), iniLine::makeKey(key, value, end));
-    if (indexed_ && atEnd) keyIndex_.emplace(std::string(key), pos);
-    else indexed_ = false;  // positions moved: rebuilt at the next look-up
+    if (indexed_) keyIndex_.emplace(std::string(key), pos);
     return true;
 }
 

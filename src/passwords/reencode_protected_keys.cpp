@@ -1,0 +1,100 @@
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <list>
+#include <string>
+
+#include "passwords/passwords.h"
+#include "platform/config_mapper.h"
+#include "platform/log.h"
+#include "platform/pw_data.h"
+#include "store/config_store.h"
+#include "store/files.h"
+
+namespace {
+
+// Per-account keys live in the first four account files only.
+const int kFirstAccount = 0;
+const int kLastAccount = 3;
+
+// The file last loaded, kept from the first key to the end of the process, so that
+// consecutive keys of one file cost one load. Every key is saved before the next, so
+// no change ever waits here. The path is compared as this machine sees it: with one
+// root per process that is the logical path, and a document loaded under another root
+// (a new test) is never mistaken for this one.
+struct LastFile {
+    ETL_FileHelper::iniFile document;
+    std::string physicalPath;  // empty: nothing usable loaded
+};
+
+LastFile& lastFile() {
+    static LastFile cache;
+    return cache;
+}
+
+// Makes the document hold `file`, loading it only when it is not the one it holds.
+bool holdFile(LastFile& cache, const char* file) {
+    std::string physical = store::fs::physicalPath(file).value_or("");
+    if (!physical.empty() && physical == cache.physicalPath) return true;
+    if (!cache.document.LoadFromFile(file)) {
+        ETL_TraceHelper::etlTrace(3, "Fail to load file [%s] !!", file);
+        cache.physicalPath.clear();
+        return false;
+    }
+    cache.physicalPath = physical;
+    return true;
+}
+
+// Runs the routine of the mode over `input`; the trace shows the outcome either way.
+int reencode(int mode, const char* input, char* output) {
+    if (mode == kReencodeEncrypt) {
+        int result = pw_data_encrypt(input, output);
+        ETL_TraceHelper::etlTrace(2, "Encrypt:(%s)->(%s)", input, output);
+        return result;
+    }
+    int result = pw_data_decrypt(input, output);
+    ETL_TraceHelper::etlTrace(2, "Decrypt:(%s)->(%s)", input, output);
+    return result;
+}
+
+// 1 when the file was saved. The file is saved whether or not the key changed.
+int reencodeProtectedKey(int mode, const char* file, const char* section, const char* key, const char* def) {
+    if (!file || !section || !key) return 0;
+    LastFile& cache = lastFile();
+    if (!holdFile(cache, file)) return 0;
+    std::string value = cache.document.GetTextValue(section, key, def ? def : "");
+    // The routines take no size: at most 159 bytes go in, and the rest of a longer
+    // value is replaced by the re-encoding of its first 159.
+    char input[kPwDataBufferSize] = {};
+    char output[kPwDataBufferSize] = {};
+    std::memcpy(input, value.c_str(), std::min(std::strlen(value.c_str()), sizeof input - 1));
+    if (input[0] != '\0' && reencode(mode, input, output) == 0) cache.document.SetTextValue(section, key, output);
+    return cache.document.SaveToFile(file) ? 1 : 0;
+}
+
+void reencodeAccountKey(int mode, const CIniConfigInfo& entry) {
+    for (int account = kFirstAccount; account <= kLastAccount; ++account) {
+        char path[256] = {};
+        std::snprintf(path, sizeof path, "%s%d.cfg", "/config/user/voip/sipAccount", account);
+        reencodeProtectedKey(mode, path, entry.strSection, entry.strKey, entry.strDefault);
+    }
+}
+
+}  // namespace
+
+int reencodeProtectedKeys(int mode) {
+    std::list<CIniConfigInfo*> entries;
+    CConfigMapper mapper;
+    if (!mapper.GetAllEncryptConfig(entries)) {
+        ETL_TraceHelper::etlTrace(3, "Fail to get encrypt config !!");
+        return 0;
+    }
+    for (const CIniConfigInfo* entry : entries) {
+        if (!entry || !entry->bEncrypt) continue;
+        if (entry->bAccount)
+            reencodeAccountKey(mode, *entry);
+        else
+            reencodeProtectedKey(mode, entry->strFile, entry->strSection, entry->strKey, entry->strDefault);
+    }
+    return 1;
+}

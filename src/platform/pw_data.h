@@ -1,0 +1,30 @@
+// The platform's password protection routines, as this tool's stand-in.
+//
+// Each takes a zero-terminated input text and an output buffer of kPwDataBufferSize
+// bytes (no size is passed, as on the platform) and returns 0 for success. Neither
+// ever writes more than kPwDataBufferSize bytes, terminator included.
+//
+// The protected form is "pw1:" followed by base64url (no padding) of a 12-byte random
+// nonce, the AES-256-GCM ciphertext and the 16-byte tag. It is printable ASCII
+// without blanks, ';', '#' or '=', so it survives any INI file. The longest plain text
+// whose protected form fits is kPwDataLongestPlain bytes.
+//
+// Key: CFGUPGRADE_PW_KEYFILE names a file (a path as the phone sees it) holding the
+// 32-byte key as 64 hex digits. Unset or empty, a BUILT-IN DEVELOPMENT KEY is used:
+// it is public, so values protected with it are protected from nobody.
+#pragma once
+
+#include <cstddef>
+
+constexpr std::size_t kPwDataBufferSize = 160;
+constexpr std::size_t kPwDataLongestPlain = 88;
+
+// Writes the protected form of `input`. An input that is already protected with the
+// current key is copied unchanged, so a value is never protected twice; the empty
+// text stays empty. Non-zero, with the empty text written, when the protected form
+// would not fit or the key cannot be had.
+int pw_data_encrypt(const char* input, char* output);
+
+// Writes the plain form of a value protected with the current key. Non-zero, with
+// the empty text written, for anything else: a wrong prefix, bad base64, a failed tag.
+int pw_data_decrypt(const char* input, char* output);

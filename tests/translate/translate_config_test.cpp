@@ -1,0 +1,83 @@
+// The translation step against a temporary phone root.
+#include <cstdio>
+#include <vector>
+
+#include "support/password_values.h"
+#include "support/phone_root.h"
+#include "translate/translate.h"
+
+namespace {
+
+const char kUser[] = "/config/user/user.ini";
+const char kSystem[] = "/config/system/system.ini";
+const char kSrc[] = R"(srcFile="/config/user/user.ini" srcSec="A" srcKey="k")";
+
+using TranslateConfig = PhoneRoot;
+
+}  // namespace
+
+TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
+    const std::string longKey(500, 'n'), longValue(700, 'v'), tooLong(kPwDataLongestPlain + 1, 'x');
+    // Expected values: "*v" stands for a protected form of v.
+    struct Expect { const char* file; std::string key; std::string value; };
+    struct {
+        std::string user;
+        std::string rules;  // empty: no rule file
+        std::vector<Expect> expect;
+        const char* out;
+        const char* log;
+        bool result;
+    } cases[] = {
+        {"[A]\nk=v\n", "", {{kUser, "k", "v"}}, "",
+         "app_log[60/4] The file [/phone/resource/configTranslate.xml] not exist !\n", false},
+        {"[A]\nk=v\n", "<t><r/>", {{kUser, "k", "v"}}, "", "app_log[60/4] Load translate file failed!\n", false},
+        {"[A]\nk=v\n", "<t>\n</t>", {{kUser, "k", "v"}}, "", "app_log[60/4] No found item!\n", false},
+        {"[PhoneSetting]\nEnLock=0\n[A]\nk=v\n",
+         R"(<t><r $ dstFile="/config/system/system.ini" dstKey="k2" dstEncrypt="1"/></t>)",
+         {{kSystem, "k2", "v"}}, "", "", true},
+        {"[PhoneSetting]\nEnLock=-1\n[A]\nk=v\n", R"(<t><r $ dstEncrypt="1"/></t>)", {{kUser, "k", "*v"}}, "", "",
+         true},
+        {"[PhoneSetting]\nEnLock=2\n[A]\nk=v\n", R"(<t><r $ dstKey="k2"/></t>)", {{kUser, "k2", "v"}}, "", "", true},
+        {"[PhoneSetting]\nEnLock=1\n[A]\nk=" + tooLong + "\n", R"(<t><r $ dstKey="k2" dstEncrypt="1"/></t>)",
+         {{kUser, "k2", tooLong}}, "", "", true},
+        {"[A]\nk=v\n",
+         R"(<t><r srcFile="/config/user/user.ini" srcSec="A" srcKey="gone" dstFile="/config/system/system.ini"/></t>)",
+         {{kSystem, "gone", ""}}, "", "", true},
+        {"[A]\nk=v\n",
+         R"(<t><r srcFile="/config/none.ini" srcSec="A" srcKey="k" dstFile="/config/user/user.ini"/></t>)",
+         {{kUser, "k", ""}}, "Can's load user's inifile [/config/none.ini]!\n", "", true},
+        {"[A]\nk=v\n",
+         R"(<t><x dstFile="/config/user/user.ini" dstSec="A" dstKey="k"/>text<r srcFile="/config/none.ini"/></t>)",
+         {{kUser, "k", ""}}, "", "", true},
+        {"[A]\nk=v\n", R"(<t><r $ dstKey="k1"/><r $ dstFile="/config/none.ini"/><r $ dstKey="k3"/></t>)",
+         {{kUser, "k1", "v"}, {kUser, "k3", "(absent)"}}, "Can's load user's inifile!\n", "", false},
+        {"[A]\nk=v\n", R"(<t><r $ dstFile="/config/system/system.ini" dstKey="k1"/>
+            <r srcFile="/config/system/system.ini" srcSec="A" srcKey="k1" dstKey="k2"/></t>)",
+         {{kSystem, "k1", "v"}, {kSystem, "k2", "v"}}, "", "", true},
+        {"[PhoneSetting]\nEnLock=0\n[A]\nk=v\non=1\n",
+         R"(<t><r srcFile="/config/user/user.ini" srcSec="A" srcKey="on" dstSec="PhoneSetting" dstKey="EnLock"/>
+            <r $ dstKey="k2" dstEncrypt="1"/></t>)",
+         {{kUser, "k2", "v"}}, "", "", true},
+        {"[A]\n" + longKey + "=" + longValue + "\n",
+         R"(<t><r srcFile="/config/user/user.ini" srcSec="A" srcKey=")" + longKey + R"(" dstKey="m"/></t>)",
+         {{kUser, "m", longValue}}, "", "", true},
+    };
+    for (const auto& c : cases) {
+        SetUp();
+        write(kUser, c.user);
+        write(kSystem, "[Net]\nh=x\n");
+        // "$" in a rule stands for the source A/k of the user file.
+        std::string rules = c.rules;
+        for (size_t at; (at = rules.find('$')) != std::string::npos;) rules.replace(at, 1, kSrc);
+        if (!rules.empty()) write("/phone/resource/configTranslate.xml", rules);
+        bool result = !c.result;
+        testing::internal::CaptureStdout();
+        runStep([&] { result = translateConfig(); });
+        std::fflush(stdout);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out) << c.rules;
+        EXPECT_EQ(result, c.result) << c.rules;
+        EXPECT_EQ(log(), c.log) << c.rules;
+        for (const auto& e : c.expect) EXPECT_EQ(seen(valueOf(read(e.file), e.key)), e.value) << c.rules;
+        TearDown();
+    }
+}

@@ -1,4 +1,5 @@
-// Writes a synthetic phone image for the benchmark, the same bytes on every run.
+// Writes a synthetic phone image for the benchmark, the same bytes on every run
+// except protected values, which carry a random nonce from the password routine.
 //
 //   gen_image --size demo|typical|large [--rules N] [--examples DIR] OUTDIR
 //
@@ -17,7 +18,7 @@
 // result finds nothing left to change. The user's lock setting is on and the
 // factory's off, so the protection switch decodes the keys the protected-key list
 // names; the translation's protected rules name other keys, or each run would undo
-// the other's work (that is how the two steps are specified, not the store's doing).
+// the other's work at every boot (that is what the two steps do, not the store's doing).
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>

@@ -7,8 +7,8 @@
 # --quick         a smoke test in seconds: demo and a small image, one repetition,
 #                 nothing written outside build-bench/ (what CI runs)
 # --repeats N     timed pairs per size and mode (default 7); medians are reported
-# --peer-repeats  timed peer runs on the typical image (default 3; the peer takes
-#                 about a minute per run there)
+# --peer-repeats  timed peer runs on the demo and typical images (default 3; the
+#                 peer takes about 40 s per run on typical)
 # --full-peer     also run the peer on the large image and at 10,000 rules (about
 #                 half an hour more)
 #
@@ -32,7 +32,7 @@ done
 
 # ---------------------------------------------------------------- tools
 
-need=(crudini gnuplot-nox strace time openssl valgrind)
+need=(crudini gnuplot-nox strace openssl valgrind)
 missing=()
 for p in "${need[@]}"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
 if [ ${#missing[@]} -gt 0 ]; then

@@ -10,6 +10,7 @@ set grid xtics ytics mxtics mytics
 set key top left
 set format y "%g"
 set xrange [70:14000]
+set datafile missing "NaN"
 data = "< sort -n " . results . "/scaling.dat"
 plot data using 1:2 with linespoints lw 2 pt 7 title "cfgupgrade", \
      data using 1:3 with linespoints lw 2 pt 5 title "I/O floor", \

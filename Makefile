@@ -1,13 +1,14 @@
 # Quick start: `make demo` runs the tool on the example phone image, `make test`
-# runs every test (a normal build and a sanitizer build), `make fuzz` runs the fuzz
-# targets for a bounded time. All of them install what is missing.
+# runs every test (a normal build and a sanitizer build), `make bench` runs the
+# benchmark of docs/performance.md, `make fuzz` runs the fuzz targets for a bounded
+# time. All install what is missing.
 
 PACKAGES := cmake g++ make pkg-config libgtest-dev libpugixml-dev libssl-dev diffutils
 FUZZ_PACKAGES := clang libclang-rt-dev
 JOBS     ?= $(shell nproc)
 FUZZ_SECONDS ?= 45
 
-.PHONY: all deps fuzz-deps build demo test fuzz clean
+.PHONY: all deps fuzz-deps build demo test bench bench-smoke fuzz clean
 
 all: build
 
@@ -51,5 +52,13 @@ fuzz: fuzz-deps
 	cmake --build build-fuzz -j $(JOBS)
 	bash fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
 
+# About 15 minutes; BENCH_FLAGS=--full-peer adds the slow peer runs.
+bench: deps
+	bash bench/run.sh $(BENCH_FLAGS)
+
+# The benchmark end to end in seconds, for CI: no figures worth keeping.
+bench-smoke: deps
+	bash bench/run.sh --quick >/dev/null
+
 clean:
-	rm -rf build build-sanitize build-fuzz
+	rm -rf build build-sanitize build-bench build-fuzz

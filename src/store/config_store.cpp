@@ -14,22 +14,22 @@ using ETL_FileHelper::IniText;
 namespace {
 
 // An empty value reads as the default, like a missing one; anything else as strtol does.
-int parseInt(const std::string* value, int def) {
+int parseInt(std::optional<std::string_view> value, int def) {
     if (!value || value->empty()) return def;
     // Clamped as the phone's 32-bit strtol clamps, so a host reads what the phone reads.
-    return static_cast<int>(std::clamp<long>(std::strtol(value->c_str(), nullptr, 10), INT_MIN, INT_MAX));
+    std::string text(*value);
+    return static_cast<int>(std::clamp<long>(std::strtol(text.c_str(), nullptr, 10), INT_MIN, INT_MAX));
 }
 
-const std::string* findValue(const store::IniPtr& text, std::string_view section, std::string_view key) {
-    return text ? text->find(section, key) : nullptr;
+std::optional<std::string_view> findValue(const store::IniPtr& text, std::string_view section, std::string_view key) {
+    if (!text) return std::nullopt;
+    return text->find(section, key);
 }
 
-// Applies `change` to a private copy of the file's content and hands it back to the store.
+// Applies `change` to the file's content and hands it back to the store.
 template <typename Change>
 bool changeFile(const std::string& file, Change change) {
-    store::IniPtr current = store::loadIni(file);
-    auto copy = current ? std::make_shared<IniText>(*current) : std::make_shared<IniText>();
-    return change(*copy) && store::storeIni(file, std::move(copy));
+    return store::updateIni(file, change);
 }
 
 int getInt(const std::string& file, const std::string& section, const std::string& key, int def) {
@@ -118,8 +118,8 @@ ETL_StringHelper::chReferenceStringT<char> registryGetString(HREGISTRY handle, c
     if (!handle) return def;
     for (const auto& entry : handle->pending)
         if (entry.first == key) return entry.second;
-    const std::string* value = findValue(store::loadIni(handle->file), handle->section, key);
-    return value ? *value : def;
+    std::optional<std::string_view> value = findValue(store::loadIni(handle->file), handle->section, key);
+    return value ? std::string(*value) : def;
 }
 
 void etlCopyFile(const std::string& dst, const std::string& src) { store::copyFile(dst, src); }
@@ -130,28 +130,48 @@ void etlCopyFile(const std::string& dst, const std::string& src) { store::copyFi
 
 namespace ETL_FileHelper {
 
-iniDocument::iniDocument() : text_(std::make_shared<const IniText>()) {}
+iniDocument::iniDocument() : text_(std::make_shared<IniText>()) {}
+
+const store::PendingValue* iniDocument::pendingFor(phraseConstTextA section, phraseConstTextA key) const {
+    for (auto it = pending_.rbegin(); it != pending_.rend(); ++it)
+        if (it->section == section && it->key == key) return &*it;
+    return nullptr;
+}
+
+std::optional<std::string_view> iniDocument::find(phraseConstTextA section, phraseConstTextA key) const {
+    if (const store::PendingValue* set = pendingFor(section, key)) return std::string_view(set->value);
+    return text_->find(section, key);
+}
 
 int iniDocument::GetIntValue(phraseConstTextA section, phraseConstTextA key, int def) const {
-    return parseInt(text_->find(section, key), def);
+    return parseInt(find(section, key), def);
 }
 
 ETL_StringHelper::chReferenceStringT<char> iniDocument::GetTextValue(phraseConstTextA section, phraseConstTextA key,
                                                                      const std::string& def) const {
-    const std::string* value = text_->find(section, key);
-    return value ? *value : def;
+    std::optional<std::string_view> value = find(section, key);
+    return value ? std::string(*value) : def;
 }
 
 int iniDocument::SetTextValue(phraseConstTextA section, phraseConstTextA key, phraseConstTextA value) {
-    auto copy = std::make_shared<IniText>(*text_);
-    if (!copy->set(section, key, value)) return 0;
-    text_ = std::move(copy);
+    // Refused exactly when the text itself would refuse it, so the save cannot fail on it.
+    if (!IniText::isWritableName(section, ']') || !IniText::isWritableName(key, '=') ||
+        !IniText::isWritableValue(value))
+        return 0;
+    for (auto& set : pending_)
+        if (set.section == section && set.key == key) {
+            set.value = value;
+            return 1;
+        }
+    pending_.push_back({std::string(section), std::string(key), std::string(value)});
     return 1;
 }
 
 std::vector<iniObject*> iniDocument::objects() {
     // The walk may change values, so the document takes its own copy first.
     auto copy = std::make_shared<IniText>(*text_);
+    for (const auto& set : pending_) copy->set(set.section, set.key, set.value);
+    pending_.clear();
     std::vector<iniObject*> nodes = copy->objects();
     text_ = std::move(copy);
     return nodes;
@@ -165,6 +185,7 @@ int iniFile::LoadFromFile(const std::string& path) {
     store::IniPtr loaded = store::loadIni(path);
     if (!loaded) return 0;
     text_ = std::move(loaded);
+    pending_.clear();
     loadedPath_ = path;
     return 1;
 }
@@ -172,7 +193,11 @@ int iniFile::LoadFromFile(const std::string& path) {
 int iniFile::SaveToFile(const char* path) {
     std::string target = path ? path : loadedPath_;
     if (target.empty()) return 0;
-    return store::storeIni(target, text_) ? 1 : 0;
+    store::IniPtr saved = store::saveIni(target, text_, pending_);
+    if (!saved) return 0;
+    text_ = std::move(saved);
+    pending_.clear();
+    return 1;
 }
 
 }  // namespace ETL_FileHelper

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "store/documents.h"
 #include "store/ini_text.h"
 
 // ---------------------------------------------------------------- text
@@ -71,7 +72,14 @@ public:
 
 protected:
     iniDocument();
-    std::shared_ptr<const IniText> text_;  // shared with the store until changed
+    // The content as loaded, shared with the store; values set since are kept beside
+    // it until the save, so setting a key never copies the file.
+    std::shared_ptr<const IniText> text_;
+    std::vector<store::PendingValue> pending_;
+
+private:
+    const store::PendingValue* pendingFor(phraseConstTextA section, phraseConstTextA key) const;
+    std::optional<std::string_view> find(phraseConstTextA section, phraseConstTextA key) const;
 };
 
 // A document bound to a file. Destruction never saves.

@@ -13,7 +13,9 @@ namespace store {
 namespace {
 
 struct CachedFile {
-    IniPtr text;             // current content; null: no such file
+    // Current content; null: no such file. Held mutable so a change nobody else
+    // can see is made in place; readers get it as IniPtr, read-only.
+    std::shared_ptr<ETL_FileHelper::IniText> text;
     std::string diskBytes;   // what the file holds on disk
     bool onDisk = false;
     bool unreadable = false; // exists but could not be read: never written over
@@ -39,7 +41,7 @@ CachedFile& entryFor(const std::string& logical) {
     CachedFile entry;
     if (fs::readFile(logical, entry.diskBytes)) {
         entry.onDisk = true;
-        entry.text = std::make_shared<const ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(entry.diskBytes));
+        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(entry.diskBytes));
     } else {
         entry.unreadable = fs::pathExists(logical);
     }
@@ -54,25 +56,71 @@ bool directoryExists(const std::string& logical) {
     return physical && stat(physical->c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The entry of a file that may be changed, or null: see storeIni.
+CachedFile* changeableEntry(const std::string& logical) {
+    auto it = cache().files.find(logical);
+    if (it == cache().files.end() && !fs::physicalPath(logical)) return nullptr;
+    CachedFile& entry = it != cache().files.end() ? it->second : entryFor(logical);
+    if (entry.unreadable || (!entry.text && !directoryExists(logical))) return nullptr;
+    return &entry;
+}
+
+void markChanged(const std::string& logical, CachedFile& entry) {
+    if (!entry.dirty) cache().dirtyOrder.push_back(logical);
+    entry.dirty = true;
+}
+
 }  // namespace
 
 IniPtr loadIni(const std::string& path) {
     const std::string logical = fs::canonicalPath(path);
-    if (!fs::physicalPath(logical)) return nullptr;
-    CachedFile& entry = entryFor(logical);
+    // A file already known needs no path check: only usable paths get an entry.
+    auto& files = cache().files;
+    auto it = files.find(logical);
+    if (it == files.end() && !fs::physicalPath(logical)) return nullptr;
+    CachedFile& entry = it != files.end() ? it->second : entryFor(logical);
     if (entry.unreadable) cache().readFailed = true;
     return entry.text;
 }
 
 bool storeIni(const std::string& path, IniPtr text) {
     const std::string logical = fs::canonicalPath(path);
-    if (!text || !fs::physicalPath(logical)) return false;
-    CachedFile& entry = entryFor(logical);
-    if (entry.unreadable || (!entry.text && !directoryExists(logical))) return false;
-    entry.text = std::move(text);
-    if (!entry.dirty) cache().dirtyOrder.push_back(logical);
-    entry.dirty = true;
+    CachedFile* entry = text ? changeableEntry(logical) : nullptr;
+    if (!entry) return false;
+    // Every text is made mutable by the store or a document, so this takes back no promise.
+    entry->text = std::const_pointer_cast<ETL_FileHelper::IniText>(std::move(text));
+    markChanged(logical, *entry);
     return true;
+}
+
+bool updateIni(const std::string& path, const std::function<bool(ETL_FileHelper::IniText&)>& change) {
+    const std::string logical = fs::canonicalPath(path);
+    CachedFile* entry = changeableEntry(logical);
+    if (!entry) return false;
+    auto target = entry->text && entry->text.use_count() == 1
+                      ? entry->text
+                      : std::make_shared<ETL_FileHelper::IniText>(entry->text ? *entry->text : ETL_FileHelper::IniText());
+    if (!change(*target)) return false;
+    entry->text = std::move(target);
+    markChanged(logical, *entry);
+    return true;
+}
+
+IniPtr saveIni(const std::string& path, const IniPtr& base, const std::vector<PendingValue>& values) {
+    const std::string logical = fs::canonicalPath(path);
+    CachedFile* entry = base ? changeableEntry(logical) : nullptr;
+    if (!entry) return nullptr;
+    std::shared_ptr<ETL_FileHelper::IniText> target;
+    if (values.empty())
+        target = std::const_pointer_cast<ETL_FileHelper::IniText>(base);
+    else if (entry->text == base && entry->text.use_count() == 2)  // the store and this document
+        target = entry->text;
+    else
+        target = std::make_shared<ETL_FileHelper::IniText>(*base);
+    for (const PendingValue& v : values) target->set(v.section, v.key, v.value);
+    entry->text = target;
+    markChanged(logical, *entry);
+    return target;
 }
 
 bool iniExists(const std::string& logical) {

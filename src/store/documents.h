@@ -7,8 +7,10 @@
 // not change is never written.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "store/ini_text.h"
 
@@ -23,6 +25,25 @@ IniPtr loadIni(const std::string& logical);
 // usable, its directory does not exist, or the file exists but cannot be read
 // (writing over it would lose what it holds).
 bool storeIni(const std::string& logical, IniPtr text);
+
+// Changes the file's content for every later read, refused as storeIni refuses.
+// The change is made in place when nobody but the store holds the content (no
+// copy of the file per set), else on a copy. `change` must either succeed or
+// leave the text as it was.
+bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelper::IniText&)>& change);
+
+// One value a document has set and not saved yet.
+struct PendingValue {
+    std::string section;
+    std::string key;
+    std::string value;
+};
+
+// Saves a document: `base` with `values` set on it becomes the file's content, and
+// is returned (null when refused as storeIni refuses). When `base` is the file's
+// current content and the document is its only other holder, the values are set
+// in place: saving a key costs the key, not a copy of the file.
+IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector<PendingValue>& values);
 
 // True when the file exists, or will once the pending changes are committed.
 bool iniExists(const std::string& logical);

@@ -20,63 +20,74 @@ bool hasLineBreakOrNul(std::string_view s) {
     return s.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
 }
 
+std::string_view endBytes(LineEnd end) {
+    return end == LineEnd::kCrLf ? std::string_view("\r\n") : end == LineEnd::kLf ? std::string_view("\n") : "";
+}
+
+// Sections this short are searched line by line; an index would cost more than it saves.
+const size_t kUnindexedLines = 16;
+
 }  // namespace
 
 // ---------------------------------------------------------------- lines
 
-iniLine iniLine::parse(std::string_view raw, std::string_view eol) {
+iniLine iniLine::parse(std::string_view raw, LineEnd end) {
     iniLine line;
-    line.eol_ = eol;
+    line.end_ = end;
+    line.text_ = raw;
     std::string_view text = trimBlanks(raw);
     size_t eq = raw.find('=');
     bool comment = text.empty() || text.front() == ';' || text.front() == '#';
-    if (comment || eq == std::string_view::npos || trimBlanks(raw.substr(0, eq)).empty()) {
-        line.head_ = raw;
-        return line;
-    }
-    size_t valueStart = eq + 1;
-    while (valueStart < raw.size() && isBlank(raw[valueStart])) ++valueStart;
+    if (comment || eq == std::string_view::npos) return line;
+    size_t nameBegin = 0;
+    while (nameBegin < eq && isBlank(raw[nameBegin])) ++nameBegin;
+    size_t nameEnd = eq;
+    while (nameEnd > nameBegin && isBlank(raw[nameEnd - 1])) --nameEnd;
+    if (nameEnd == nameBegin) return line;
+    size_t valueBegin = eq + 1;
+    while (valueBegin < raw.size() && isBlank(raw[valueBegin])) ++valueBegin;
     size_t valueEnd = raw.size();
-    while (valueEnd > valueStart && isBlank(raw[valueEnd - 1])) --valueEnd;
+    while (valueEnd > valueBegin && isBlank(raw[valueEnd - 1])) --valueEnd;
     line.isKey_ = true;
-    line.name_ = trimBlanks(raw.substr(0, eq));
-    line.head_ = raw.substr(0, valueStart);
-    line.value_ = raw.substr(valueStart, valueEnd - valueStart);
-    line.tail_ = raw.substr(valueEnd);
+    line.nameBegin_ = static_cast<unsigned>(nameBegin);
+    line.nameLength_ = static_cast<unsigned>(nameEnd - nameBegin);
+    line.valueBegin_ = static_cast<unsigned>(valueBegin);
+    line.valueLength_ = static_cast<unsigned>(valueEnd - valueBegin);
     return line;
 }
 
-iniLine iniLine::makeKey(std::string_view name, std::string_view value, std::string_view eol) {
+iniLine iniLine::makeKey(std::string_view name, std::string_view value, LineEnd end) {
     iniLine line;
     line.isKey_ = true;
-    line.name_ = name;
-    line.head_ = std::string(name) + "=";
-    line.value_ = value;
-    line.eol_ = eol;
+    line.text_.reserve(name.size() + 1 + value.size());
+    line.text_.append(name).append("=").append(value);
+    line.nameLength_ = static_cast<unsigned>(name.size());
+    line.valueBegin_ = static_cast<unsigned>(name.size() + 1);
+    line.valueLength_ = static_cast<unsigned>(value.size());
+    line.end_ = end;
     return line;
 }
 
 std::string iniLine::GetValue(std::string_view def) const {
-    return isKey_ ? value_ : std::string(def);
+    return std::string(isKey_ ? value() : def);
 }
 
 bool iniLine::SetValue(std::string_view value) {
     if (!isKey_ || !IniText::isWritableValue(value)) return false;
-    value_ = value;
+    text_.replace(valueBegin_, valueLength_, value);
+    valueLength_ = static_cast<unsigned>(value.size());
     return true;
 }
 
 void iniLine::appendTo(std::string& out) const {
-    out += head_;
-    out += value_;
-    out += tail_;
-    out += eol_;
+    out += text_;
+    out += endBytes(end_);
 }
 
 // ---------------------------------------------------------------- sections
 
-iniSection::iniSection(std::string header, std::string name, std::string eol)
-    : header_(std::move(header)), name_(std::move(name)), eol_(std::move(eol)) {}
+iniSection::iniSection(std::string header, std::string name, LineEnd end)
+    : header_(std::move(header)), name_(std::move(name)), end_(end) {}
 
 std::vector<iniObject*> iniSection::objects() {
     std::vector<iniObject*> out;
@@ -85,51 +96,56 @@ std::vector<iniObject*> iniSection::objects() {
     return out;
 }
 
+long iniSection::indexOf(std::string_view key) const {
+    if (lines_.size() <= kUnindexedLines) {
+        for (size_t i = 0; i < lines_.size(); ++i)
+            if (lines_[i].isKey_ && lines_[i].name() == key) return static_cast<long>(i);
+        return -1;
+    }
+    if (!indexed_) {
+        keyIndex_.clear();
+        keyIndex_.reserve(lines_.size());
+        for (size_t i = 0; i < lines_.size(); ++i)
+            if (lines_[i].isKey_) keyIndex_.emplace(lines_[i].name(), i);  // the first of a name wins
+        indexed_ = true;
+    }
+    auto it = keyIndex_.find(std::string(key));
+    return it == keyIndex_.end() ? -1 : static_cast<long>(it->second);
+}
+
 const iniLine* iniSection::findKey(std::string_view key) const {
-    auto it = keyIndex_.find(std::string(key));
-    return it == keyIndex_.end() ? nullptr : &lines_[it->second];
+    long i = indexOf(key);
+    return i < 0 ? nullptr : &lines_[static_cast<size_t>(i)];
 }
 
-void iniSection::appendLine(iniLine line) {
-    if (line.type() == kKey) keyIndex_.emplace(line.name(), lines_.size());
-    lines_.push_back(std::move(line));
+LineEnd& iniSection::lastEnd() {
+    return lines_.empty() ? end_ : lines_.back().end_;
 }
 
-void iniSection::indexKeys() {
-    keyIndex_.clear();
-    for (size_t i = 0; i < lines_.size(); ++i)
-        if (lines_[i].type() == kKey) keyIndex_.emplace(lines_[i].name(), i);
-}
-
-std::string& iniSection::lastEol() {
-    return lines_.empty() ? eol_ : lines_.back().eol_;
-}
-
-bool iniSection::setKey(std::string_view key, std::string_view value, std::string_view newline) {
-    auto it = keyIndex_.find(std::string(key));
-    if (it != keyIndex_.end()) return lines_[it->second].SetValue(value);
+bool iniSection::setKey(std::string_view key, std::string_view value, LineEnd newline) {
+    long found = indexOf(key);
+    if (found >= 0) return lines_[static_cast<size_t>(found)].SetValue(value);
 
     // A new key goes after the last key line, so trailing comments and blank
     // lines stay between this section and the next.
     size_t pos = 0;
     for (size_t i = lines_.size(); i > 0; --i)
-        if (lines_[i - 1].type() == kKey) { pos = i; break; }
-    std::string& before = pos == 0 ? eol_ : lines_[pos - 1].eol_;
-    std::string eol(newline);
-    if (before.empty()) {  // the file's last line had no line break: keep it that way
+        if (lines_[i - 1].isKey_) { pos = i; break; }
+    LineEnd& before = pos == 0 ? end_ : lines_[pos - 1].end_;
+    LineEnd end = newline;
+    if (before == LineEnd::kNone) {  // the file's last line had no line break: keep it that way
         before = newline;
-        eol.clear();
+        end = LineEnd::kNone;
     }
-    bool atEnd = pos == lines_.size();
-    lines_.insert(lines_.begin() + static_cast<std::ptrdiff_t>(pos), iniLine::makeKey(key, value, eol));
-    if (atEnd) keyIndex_.emplace(std::string(key), pos);
-    else indexKeys();
+    // Only lines that hold no key follow `pos`, so no indexed position moves.
+    lines_.insert(lines_.begin() + static_cast<std::ptrdiff_t>(pos), iniLine::makeKey(key, value, end));
+    if (indexed_) keyIndex_.emplace(std::string(key), pos);
     return true;
 }
 
 void iniSection::appendTo(std::string& out) const {
     out += header_;
-    out += eol_;
+    out += endBytes(end_);
     for (const auto& line : lines_) line.appendTo(out);
 }
 
@@ -137,6 +153,7 @@ void iniSection::appendTo(std::string& out) const {
 
 IniText IniText::parse(std::string_view bytes) {
     IniText doc;
+    doc.size_ = bytes.size();
     if (bytes.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
         doc.bom_ = kByteOrderMark;
         bytes.remove_prefix(kByteOrderMark.size());
@@ -144,43 +161,41 @@ IniText IniText::parse(std::string_view bytes) {
     while (!bytes.empty()) {
         size_t nl = bytes.find('\n');
         std::string_view raw = bytes.substr(0, nl);
-        std::string_view eol;
+        LineEnd end = LineEnd::kNone;
         if (nl == std::string_view::npos) {
             bytes = {};
         } else {
             bytes.remove_prefix(nl + 1);
-            eol = "\n";
+            end = LineEnd::kLf;
             if (!raw.empty() && raw.back() == '\r') {
                 raw.remove_suffix(1);
-                eol = "\r\n";
+                end = LineEnd::kCrLf;
             }
         }
-        if (doc.newline_.empty() && !eol.empty()) doc.newline_ = eol;
+        if (doc.newline_ == LineEnd::kNone) doc.newline_ = end;
 
         std::string_view text = trimBlanks(raw);
         size_t close = text.find(']');
         if (!text.empty() && text.front() == '[' && close != std::string_view::npos) {
             std::string name(trimBlanks(text.substr(1, close - 1)));
             doc.sectionIndex_.emplace(name, doc.sections_.size());
-            doc.sections_.emplace_back(std::string(raw), std::move(name), std::string(eol));
+            doc.sections_.emplace_back(std::string(raw), std::move(name), end);
         } else if (doc.sections_.empty()) {
-            doc.preamble_.push_back(iniLine::parse(raw, eol));
+            doc.preamble_.push_back(iniLine::parse(raw, end));
         } else {
-            doc.sections_.back().appendLine(iniLine::parse(raw, eol));
+            doc.sections_.back().appendLine(iniLine::parse(raw, end));
         }
     }
     return doc;
 }
 
 std::string IniText::serialize() const {
-    std::string out = bom_;
+    std::string out;
+    out.reserve(size_ + size_ / 8 + 64);
+    out += bom_;
     for (const auto& line : preamble_) line.appendTo(out);
     for (const auto& section : sections_) section.appendTo(out);
     return out;
-}
-
-std::string_view IniText::newline() const {
-    return newline_.empty() ? std::string_view("\n") : std::string_view(newline_);
 }
 
 iniSection* IniText::findSection(std::string_view name) {
@@ -193,10 +208,11 @@ const iniSection* IniText::findSection(std::string_view name) const {
     return it == sectionIndex_.end() ? nullptr : &sections_[it->second];
 }
 
-const std::string* IniText::find(std::string_view section, std::string_view key) const {
+std::optional<std::string_view> IniText::find(std::string_view section, std::string_view key) const {
     const iniSection* s = findSection(section);
     const iniLine* line = s ? s->findKey(key) : nullptr;
-    return line ? &line->value() : nullptr;
+    if (!line) return std::nullopt;
+    return line->value();
 }
 
 bool IniText::isWritableName(std::string_view name, char forbidden) {
@@ -214,12 +230,12 @@ bool IniText::set(std::string_view section, std::string_view key, std::string_vi
     iniSection* s = findSection(section);
     if (!s) {
         // The new section starts on a line of its own, even after a last line without a break.
-        std::string* lastEol = !sections_.empty()   ? &sections_.back().lastEol()
-                               : !preamble_.empty() ? &preamble_.back().eol_
-                                                    : nullptr;
-        if (lastEol && lastEol->empty()) *lastEol = newline();
+        LineEnd* lastEnd = !sections_.empty()   ? &sections_.back().lastEnd()
+                           : !preamble_.empty() ? &preamble_.back().end_
+                                                : nullptr;
+        if (lastEnd && *lastEnd == LineEnd::kNone) *lastEnd = newline();
         sectionIndex_.emplace(std::string(section), sections_.size());
-        sections_.emplace_back("[" + std::string(section) + "]", std::string(section), std::string(newline()));
+        sections_.emplace_back("[" + std::string(section) + "]", std::string(section), newline());
         s = &sections_.back();
     }
     return s->setKey(key, value, newline());

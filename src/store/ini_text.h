@@ -7,6 +7,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -28,15 +29,20 @@ protected:
     iniObject& operator=(const iniObject&) = default;
 };
 
-// One line inside a section or before the first section.
+// How a line ends: the file's own bytes, kept so an untouched line comes back as it was.
+enum class LineEnd : unsigned char { kNone, kLf, kCrLf };
+
+// One line inside a section or before the first section. The line is kept as one
+// text (without its ending) with the places of the key's name and value in it, so
+// parsing a file costs one allocation per line and writing it back is a copy.
 class iniLine : public iniObject {
 public:
-    static iniLine parse(std::string_view raw, std::string_view eol);
-    static iniLine makeKey(std::string_view name, std::string_view value, std::string_view eol);
+    static iniLine parse(std::string_view raw, LineEnd end);
+    static iniLine makeKey(std::string_view name, std::string_view value, LineEnd end);
 
     int type() const override { return isKey_ ? kKey : kTextLine; }
-    const std::string& name() const { return name_; }
-    const std::string& value() const { return value_; }
+    std::string_view name() const { return std::string_view(text_).substr(nameBegin_, nameLength_); }
+    std::string_view value() const { return std::string_view(text_).substr(valueBegin_, valueLength_); }
 
     // The key's value, or `def` for a line that holds no key.
     std::string GetValue(std::string_view def = "") const;
@@ -45,25 +51,24 @@ public:
     bool SetValue(std::string_view value);
 
     void appendTo(std::string& out) const;
-    const std::string& eol() const { return eol_; }
-    void setEol(std::string_view eol) { eol_ = eol; }
 
 private:
     friend class iniSection;
     friend class IniText;
 
+    std::string text_;  // the whole line without its ending
+    unsigned nameBegin_ = 0;
+    unsigned nameLength_ = 0;
+    unsigned valueBegin_ = 0;
+    unsigned valueLength_ = 0;
+    LineEnd end_ = LineEnd::kLf;
     bool isKey_ = false;
-    std::string head_;   // bytes before the value: the whole line for a text line
-    std::string name_;
-    std::string value_;
-    std::string tail_;   // blanks after the value
-    std::string eol_;    // "\n", "\r\n" or "" for a last line without one
 };
 using iniKey = iniLine;
 
 class iniSection : public iniObject {
 public:
-    iniSection(std::string header, std::string name, std::string eol);
+    iniSection(std::string header, std::string name, LineEnd end);
 
     int type() const override { return kSection; }
     const std::string& name() const { return name_; }
@@ -73,21 +78,25 @@ public:
 
     const iniLine* findKey(std::string_view key) const;
     // Sets the first key of that name, or adds it after the last key line.
-    bool setKey(std::string_view key, std::string_view value, std::string_view newline);
+    bool setKey(std::string_view key, std::string_view value, LineEnd newline);
 
-    void appendLine(iniLine line);
+    void appendLine(iniLine line) { lines_.push_back(std::move(line)); }
     void appendTo(std::string& out) const;
-    // The last line of the section (its header when it has none).
-    std::string& lastEol();
+    // The ending of the section's last line (its header when it has none).
+    LineEnd& lastEnd();
 
 private:
-    void indexKeys();
+    // Index of the first key line of that name, or -1.
+    long indexOf(std::string_view key) const;
 
     std::string header_;
     std::string name_;
-    std::string eol_;
+    LineEnd end_;
     std::vector<iniLine> lines_;
-    std::unordered_map<std::string, size_t> keyIndex_;
+    // Built on the first look-up in a long section, never for sections nobody asks
+    // about: most sections of a file are read and written back untouched.
+    mutable std::unordered_map<std::string, size_t> keyIndex_;
+    mutable bool indexed_ = false;
 };
 
 // The whole file: an optional byte-order mark, lines before the first section, sections.
@@ -96,8 +105,8 @@ public:
     static IniText parse(std::string_view bytes);
     std::string serialize() const;
 
-    // The value of the first matching key, or null when the section or key is absent.
-    const std::string* find(std::string_view section, std::string_view key) const;
+    // The value of the first matching key; empty when the section or key is absent.
+    std::optional<std::string_view> find(std::string_view section, std::string_view key) const;
     // Creates the section and the key when missing. False (nothing changed) when a
     // name or the value cannot be written in INI syntax and read back the same.
     bool set(std::string_view section, std::string_view key, std::string_view value);
@@ -111,10 +120,11 @@ public:
 private:
     iniSection* findSection(std::string_view name);
     const iniSection* findSection(std::string_view name) const;
-    std::string_view newline() const;
+    LineEnd newline() const { return newline_ == LineEnd::kNone ? LineEnd::kLf : newline_; }
 
     std::string bom_;
-    std::string newline_;  // ending used for added lines: the file's first one, else "\n"
+    LineEnd newline_ = LineEnd::kNone;  // ending used for added lines: the file's first one, else LF
+    size_t size_ = 0;                   // bytes of the file as parsed, to size the output at once
     std::vector<iniLine> preamble_;
     std::vector<iniSection> sections_;
     std::unordered_map<std::string, size_t> sectionIndex_;

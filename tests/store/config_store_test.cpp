@@ -40,6 +40,30 @@ TEST_F(StoreTest, EveryCompletedWriteIsSeenByEveryFamily) {
     EXPECT_EQ(read(kUser), "[Net]\nk=" + std::to_string(value) + "\n");
 }
 
+// The store changes a file's content in place when nobody else holds it; a document
+// that does must keep the content it loaded, and unsaved values stay in the document.
+TEST_F(StoreTest, ADocumentSeesWhatItLoadedAndSetUntilItLoadsAgain) {
+    write(kUser, "[Net]\nk=0\n");
+    iniFile early, writer;
+    early.LoadFromFile(kUser);
+    writer.LoadFromFile(kUser);
+    writer.SetTextValue("Net", "k", "1");
+    EXPECT_EQ(writer.GetIntValue("Net", "k", -9), 1);
+    EXPECT_EQ(etlGetProfileInt(kUser, "Net", "k", -9), 0) << "not saved yet";
+    for (int v = 1; v <= 3; ++v) {  // the second and third saves change the store's copy in place
+        writer.SetTextValue("Net", "k", std::to_string(v));
+        writer.SaveToFile();
+        EXPECT_EQ(etlGetProfileInt(kUser, "Net", "k", -9), v);
+    }
+    etlSetProfileInt(kUser, "Net", "k", 4);
+    EXPECT_EQ(writer.GetIntValue("Net", "k", -9), 3) << "a path-addressed set does not reach a loaded document";
+    EXPECT_EQ(early.GetIntValue("Net", "k", -9), 0);
+    writer.SetTextValue("Net", "other", "x");
+    writer.SaveToFile();  // saves the whole document: its k=3 wins over the set of 4
+    commit();
+    EXPECT_EQ(read(kUser), "[Net]\nk=3\nother=x\n");
+}
+
 TEST_F(StoreTest, ReadsGiveDefaultsAndSetsCreateFilesButNoDirectories) {
     write("/config/a.ini", "[S]\nnum=12ab\nword=abc\nempty=\nneg= -7\nhuge=99999999999\n");
     struct { const char* key; int expected; } cases[] = {

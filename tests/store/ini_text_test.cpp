@@ -37,12 +37,12 @@ TEST(IniText, ReadsValuesAsTheFileMeansThem) {
         {"", "top", nullptr}, {"net", "k", nullptr},
     };
     for (const auto& c : cases) {
-        const std::string* value = doc.find(c.section, c.key);
+        std::optional<std::string_view> value = doc.find(c.section, c.key);
         if (c.value) {
-            ASSERT_NE(value, nullptr) << c.section << "/" << c.key;
+            ASSERT_TRUE(value) << c.section << "/" << c.key;
             EXPECT_EQ(*value, c.value);
         } else {
-            EXPECT_EQ(value, nullptr) << c.section << "/" << c.key;
+            EXPECT_FALSE(value) << c.section << "/" << c.key;
         }
     }
 }

@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# Turns the raw tables of bench/run.sh into the Markdown tables of the report and
+# the data file of the plot.
+#
+#   bench/report.sh RESULTS_DIR STRIPPED_BINARY_BYTES > report.md
+set -euo pipefail
+results=$1
+binarySize=$2
+
+# Median of a column over the rows that match a key; ratios are taken pair by pair.
+awk -F'\t' -v binarySize="$binarySize" -v results="$results" '
+function median(list,   n, v, i, j, t) {
+  n = split(list, v, " ")
+  for (i = 2; i <= n; i++) { t = v[i]; for (j = i - 1; j >= 1 && v[j] + 0 > t + 0; j--) v[j + 1] = v[j]; v[j + 1] = t }
+  if (n == 0) return "nan"
+  return n % 2 ? v[(n + 1) / 2] : (v[n / 2] + v[n / 2 + 1]) / 2
+}
+function add(arr, k, x) { arr[k] = (k in arr) ? arr[k] " " x : x }
+function ms(us) { return sprintf(us >= 100000 ? "%.0f" : "%.1f", us / 1000) }
+function kib(b) { return b >= 10240 ? sprintf("%.0f KiB", b / 1024) : sprintf("%d B", b) }
+FNR == 1 { file = FILENAME; sub(/.*\//, "", file); next }
+file == "runs.tsv" {
+  k = $1 SUBSEP $2; keys[k] = 1
+  add(t1, k, $4); add(t2, k, $6); add(f1, k, $8); add(f2, k, $9)
+  add(r1, k, $4 / $8); add(r2, k, $6 / $9)
+  if ($5 > rss1[k]) rss1[k] = $5
+  if ($7 > rss2[k]) rss2[k] = $7
+  if (!(k in order)) { order[k] = ++nkeys; byorder[nkeys] = k }
+}
+file == "observed.tsv" { k = $1 SUBSEP $2 SUBSEP $3; ob[k] = $4; of[k] = $5; ore[k] = $6; oun[k] = $7; fb[k] = $8; ff[k] = $9 }
+file == "peer.tsv" { add(pp, $1, $3); add(pt, $1, $4); add(pr, $1, $3 / $4); if (!($1 in pseen)) { pseen[$1] = 1; porder[++np] = $1 } }
+file == "scaling.tsv" { add(st, $1, $3); add(sf, $1, $4); if (!($1 in sseen)) { sseen[$1] = 1; sorder[++ns] = $1 } }
+file == "instructions.tsv" { ir[$1] = $2 }
+END {
+  print "### Sizes and modes: the first run (an upgrade)\n"
+  print "| size | mode | cfgupgrade ms | floor ms | ratio | peak RSS | written | fsyncs | files replaced / removed | floor writes | floor fsyncs |"
+  print "|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
+  for (i = 1; i <= nkeys; i++) {
+    k = byorder[i]; split(k, p, SUBSEP); o = k SUBSEP "first"
+    printf "| %s | %s | %s | %s | %.2f | %.1f MiB | %s | %d | %d / %d | %s | %d |\n", p[1], p[2], ms(median(t1[k])), ms(median(f1[k])),
+      median(r1[k]), rss1[k] / 1024, kib(ob[o]), of[o], ore[o], oun[o], kib(fb[o]), ff[o]
+  }
+  print "\n### Sizes and modes: the second run on the result (an ordinary boot)\n"
+  print "| size | mode | cfgupgrade ms | floor ms | ratio | peak RSS | written | fsyncs | files replaced / removed |"
+  print "|---|---|---:|---:|---:|---:|---:|---:|---:|"
+  for (i = 1; i <= nkeys; i++) {
+    k = byorder[i]; split(k, p, SUBSEP); o = k SUBSEP "second"
+    printf "| %s | %s | %s | %s | %.2f | %.1f MiB | %s | %d | %d / %d |\n", p[1], p[2], ms(median(t2[k])), ms(median(f2[k])),
+      median(r2[k]), rss2[k] / 1024, kib(ob[o]), of[o], ore[o], oun[o]
+  }
+  print "\n### The scripted peer (the rule file through crudini) against cfgupgrade in mode dev, first run\n"
+  print "| image | runs | peer s | cfgupgrade ms | peer / cfgupgrade |"
+  print "|---|---:|---:|---:|---:|"
+  for (i = 1; i <= np; i++) {
+    k = porder[i]
+    printf "| %s | %d | %.1f | %s | %.0f |\n", k, split(pp[k], dummy, " "), median(pp[k]) / 1e6, ms(median(pt[k])), median(pr[k])
+    peerMedian[k] = median(pp[k])
+  }
+  print "\n### Scaling with the rule count (typical image, mode dev, first run)\n"
+  print "| rules | cfgupgrade ms | floor ms | peer s | cfgupgrade µs per rule added | instructions | instructions per rule added |"
+  print "|---:|---:|---:|---:|---:|---:|---:|"
+  prev = ""
+  for (i = 1; i <= ns; i++) {
+    n = sorder[i]; tm = median(st[n]); fm = median(sf[n])
+    per = "-"; iper = "-"
+    if (prev != "") {
+      per = sprintf("%.2f", (tm - prevT) / (n - prev))
+      if (ir[n] != "" && ir[prev] != "") iper = sprintf("%.0f", (ir[n] - ir[prev]) / (n - prev))
+    }
+    peer = ("rules" n in peerMedian) ? sprintf("%.1f", peerMedian["rules" n] / 1e6) : "-"
+    printf "| %d | %s | %s | %s | %s | %s | %s |\n", n, ms(tm), ms(fm), peer, per, ir[n], iper
+    if (n > 0) printf "%d %.3f %.3f %s\n", n, tm / 1000, fm / 1000, peer == "-" ? "NaN" : peer * 1000 > (results "/scaling.dat")
+    prev = n; prevT = tm
+  }
+  # The typical image gives the peer a 300-rule point; the times of the tool and the floor at
+  # 300 rules come from another part of the run, so they stay off the curve.
+  if ("typical" in peerMedian) printf "300 NaN NaN %.3f\n", peerMedian["typical"] / 1000 > (results "/scaling.dat")
+  printf "\nStripped binary: %d bytes (%.0f KiB).\n", binarySize, binarySize / 1024
+}
+' "$results/runs.tsv" "$results/observed.tsv" "$results/peer.tsv" "$results/scaling.tsv" "$results/instructions.tsv"

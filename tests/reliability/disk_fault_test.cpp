@@ -100,7 +100,9 @@ TEST_P(DiskFault, EachFailedCallIsLoggedOnceAndLosesNothing) {
 
     std::vector<std::string> problems;
     long tried = 0;
+    std::string perKind;
     for (const FaultKind& kind : kFaultKinds) {
+        perKind += std::string(" ") + kind.op + "/" + kind.errnoName + " " + std::to_string(reference.calls(kind.op));
         for (long n = 1; n <= reference.calls(kind.op); ++n, ++tried) {
             copyImage(start, run);
             ToolRun faulty = runTool(run, mode, {kind.op, n, kind.errnoName});
@@ -109,7 +111,8 @@ TEST_P(DiskFault, EachFailedCallIsLoggedOnceAndLosesNothing) {
                                    kind.errnoName + ": " + p);
         }
     }
-    std::cout << "[ faults ] mode " << variant << ": " << tried << " failed calls, " << problems.size() << " problems\n";
+    std::cout << "[ faults ] mode " << variant << ": " << tried << " failed calls (" << perKind.substr(1) << "), " << problems.size()
+              << " problems\n";
     for (size_t i = 0; i < problems.size() && i < 20; ++i) ADD_FAILURE() << problems[i];
 }
 

@@ -82,8 +82,9 @@ TEST_P(PowerCut, EveryCutLeavesWholeFilesAndTheNextRunFinishesTheJob) {
         for (const auto& [path, bytes] : after)
             if (!final.count(path)) problems.push_back(where + "after the rerun " + path + " is missing");
     }
-    std::cout << "[ cuts ] mode " << variant << ": " << cuts.size() << " cut points (" << reinstalledCuts
-              << " after the direct-IP install), " << problems.size() << " problems\n";
+    std::cout << "[ cuts ] mode " << variant << ": " << points << " cuts after a call and " << cuts.size() - points
+              << " halfway through a write (" << reinstalledCuts << " after the direct-IP install), " << problems.size()
+              << " problems\n";
     for (size_t i = 0; i < problems.size() && i < 20; ++i) ADD_FAILURE() << problems[i];
     if (after != before) {
         EXPECT_GT(points, 0) << "the shim saw none of the changes";

@@ -2,7 +2,7 @@
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/rand.h>
+#include <sys/random.h>
 
 #include <array>
 #include <cctype>
@@ -111,11 +111,25 @@ bool loadKey(Key& key) {
     return ok;
 }
 
+// The kernel's generator gives the nonce: OpenSSL's own generator would cost the tool
+// most of a megabyte of memory at boot for twelve bytes per value.
+bool freshNonce(unsigned char* nonce) {
+    return getrandom(nonce, kNonceLength, 0) == static_cast<ssize_t>(kNonceLength);
+}
+
+// Only the one cipher is needed: the host's OpenSSL configuration file, which may load
+// providers and modules, is never read.
+bool initCrypto() {
+    static const bool ready = OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
+    return ready;
+}
+
 using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
 
 // AES-256-GCM; the prefix is bound in as associated data. out gets n bytes.
 bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* plain, int n, unsigned char* out,
                 unsigned char* tag) {
+    if (!initCrypto()) return false;
     CipherContext ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     int len = 0;
     return ctx && EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce) == 1 &&
@@ -129,6 +143,7 @@ bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char*
 // The reverse of encryptGcm; false when the tag does not match.
 bool decryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* sealed, int n,
                 const unsigned char* tag, unsigned char* out) {
+    if (!initCrypto()) return false;
     CipherContext ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     int len = 0;
     return ctx && EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce) == 1 &&
@@ -165,7 +180,7 @@ bool protect(const Key& key, const char* input, std::string& result) {
     if (protectedLength(n) > kLongestProtected) return false;
     std::string raw(kNonceLength + n + kTagLength, '\0');
     auto* bytes = reinterpret_cast<unsigned char*>(&raw[0]);
-    if (RAND_bytes(bytes, static_cast<int>(kNonceLength)) != 1) return false;
+    if (!freshNonce(bytes)) return false;
     auto* plain = reinterpret_cast<const unsigned char*>(input);
     if (!encryptGcm(key, bytes, plain, static_cast<int>(n), bytes + kNonceLength, bytes + kNonceLength + n))
         return false;

@@ -31,22 +31,26 @@ void stripSectionMarks(ETL_FileHelper::iniSection& section) {
 }  // namespace
 
 void gatherDirectIpAccount() {
-    std::string gathered;  // the account file copied into the direct-IP file
+    std::string gathered;     // the account file copied into the direct-IP file
+    bool othersGone = true;   // every other flagged file removed, and no flag left unread
     for (int n = 16; n >= 0; --n) {
         std::string path = accountFilePath(n);
-        if (!ETL_MiscHelper::pathFileExist(path) || !flaggedDirectIp(path)) continue;
+        if (!ETL_MiscHelper::pathFileExist(path)) continue;
+        ETL_FileHelper::iniFile account(nullptr);
+        if (!account.LoadFromFile(path)) othersGone = false;  // exists, but its flag cannot be read
+        if (!flaggedDirectIp(path)) continue;
         // The highest flagged file that copies becomes the direct-IP file. A file whose
         // copy failed keeps its place, and the next flagged file gets its turn.
         if (gathered.empty()) {
             if (store::copyFile(kDirectIpFile, path)) gathered = path;
             continue;
         }
-        store::removeFile(path);
+        if (!store::removeFile(path)) othersGone = false;
     }
-    // The copied file goes last, once the direct-IP file is durable: a run cut off before
-    // then and started again finds it still flagged and copies it again, rather than a
-    // lower flagged file that was still there.
-    if (!gathered.empty()) store::removeFile(gathered);
+    // The copied file goes last, once the direct-IP file is durable, and only when no
+    // other flagged file may be left: a run started again after a cut or a failure then
+    // finds it still flagged and copies it again, rather than a lower flagged file.
+    if (!gathered.empty() && othersGone) store::removeFile(gathered);
 }
 
 void installDirectIpAccount() {

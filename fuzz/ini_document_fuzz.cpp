@@ -30,8 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     IniText reloaded = IniText::parse(doc.serialize());
     for (const auto& [name, value] : set) {
-        const std::string* now = doc.find(name.first, name.second);
-        const std::string* again = reloaded.find(name.first, name.second);
+        auto now = doc.find(name.first, name.second);
+        auto again = reloaded.find(name.first, name.second);
         if (!now || *now != value) fuzz::fail("a set value does not read back");
         if (!again || *again != value) fuzz::fail("a set value does not read back after save and load");
     }

@@ -59,9 +59,9 @@ std::set<std::string> checkEntries(const std::string& bytes) {
 }
 
 // A value that goes into protected form and comes back whole.
-bool roundTrips(const std::string& value) {
+bool roundTrips(std::string_view value) {
     char plain[kPwDataBufferSize] = {};
-    return !value.empty() && value.size() <= kPwDataLongestPlain && pw_data_decrypt(value.c_str(), plain) != 0;
+    return !value.empty() && value.size() <= kPwDataLongestPlain && pw_data_decrypt(std::string(value).c_str(), plain) != 0;
 }
 
 }  // namespace
@@ -83,8 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         auto before = ETL_FileHelper::IniText::parse(file[1]), after = ETL_FileHelper::IniText::parse(now);
         for (const char* section : {"PhoneSetting", "account", "Network"})
             for (const char* key : {"AdminPassword", "UnlockPIN", "Long", "password", "Label", "AuthName", "strPassword"}) {
-                const std::string* was = before.find(section, key);
-                const std::string* is = after.find(section, key);
+                auto was = before.find(section, key);
+                auto is = after.find(section, key);
                 if (was && roundTrips(*was) && (!is || *is != *was)) fuzz::fail("a value did not come back from protection");
             }
     }

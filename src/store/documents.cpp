@@ -16,8 +16,6 @@ struct CachedFile {
     // Current content; null: no such file. Held mutable so a change nobody else
     // can see is made in place; readers get it as IniPtr, read-only.
     std::shared_ptr<ETL_FileHelper::IniText> text;
-    std::string diskBytes;   // what the file holds on disk
-    bool onDisk = false;
     bool unreadable = false; // exists but could not be read: never written over
     bool dirty = false;
 };
@@ -39,9 +37,11 @@ CachedFile& entryFor(const std::string& logical) {
     auto it = files.find(logical);
     if (it != files.end()) return it->second;
     CachedFile entry;
-    if (fs::readFile(logical, entry.diskBytes)) {
-        entry.onDisk = true;
-        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(entry.diskBytes));
+    // The bytes are dropped once parsed: the writer compares with the file itself, so
+    // the cache holds each file once, as lines.
+    std::string bytes;
+    if (fs::readFile(logical, bytes)) {
+        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(bytes));
     } else {
         entry.unreadable = fs::pathExists(logical);
     }
@@ -142,12 +142,8 @@ bool commitFiles() {
         auto it = c.files.find(logical);
         if (it == c.files.end() || !it->second.dirty) continue;
         CachedFile& entry = it->second;
-        std::string bytes = entry.text->serialize();
-        if (entry.onDisk && bytes == entry.diskBytes) {
-            entry.dirty = false;
-        } else if (fs::writeFileAtomically(logical, bytes)) {
-            entry.diskBytes = std::move(bytes);
-            entry.onDisk = true;
+        // The writer leaves a file alone when it already holds these bytes.
+        if (fs::writeFileAtomically(logical, entry.text->serialize())) {
             entry.dirty = false;
         } else {
             c.files.erase(it);  // the next read takes the file as it is on disk

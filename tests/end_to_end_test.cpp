@@ -4,7 +4,7 @@
 using EndToEnd = PhoneRoot;
 
 TEST_F(EndToEnd, EveryModeExitsZeroAndASecondRunChangesNothing) {
-    copyTree(CFGUPGRADE_EXAMPLES "/phone-root", root_);
+    std::filesystem::copy(CFGUPGRADE_EXAMPLES "/phone-root", root_, std::filesystem::copy_options::recursive);
     for (const char* mode : {"1", "2", "all", "dev", "pwd", "other"}) {
         EXPECT_EQ(runTool({mode}), 0) << mode;
         auto afterFirst = snapshot();
@@ -23,7 +23,7 @@ TEST_F(EndToEnd, EveryModeExitsZeroAndASecondRunChangesNothing) {
 }
 
 TEST_F(EndToEnd, DirectIpAccountBecomesAccountSixteenAndMissingCertificatesArrive) {
-    copyTree(CFGUPGRADE_EXAMPLES "/phone-root", root_);
+    std::filesystem::copy(CFGUPGRADE_EXAMPLES "/phone-root", root_, std::filesystem::copy_options::recursive);
     const std::string voip = "/config/user/voip/";
     EXPECT_EQ(runTool({"1"}), 0);
     std::string gathered = read(voip + "directip.cfg");

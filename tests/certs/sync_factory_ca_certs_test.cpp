@@ -38,8 +38,7 @@ TEST_F(CaCertSync, CopiesWhatTheConfigurationLacksInDirectoryOrderWithoutAShell)
          {}, true},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         makeDir(kFactory);
         for (const auto& name : c.factory)
             name.back() == '/' ? makeDir(kFactory + name) : write(kFactory + name, "factory " + name);

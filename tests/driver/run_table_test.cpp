@@ -33,8 +33,7 @@ TEST_F(RunTable, EachModeRunsItsStepsAndGates) {
         {{"cfgupgrade"}, "", false, "49", ""},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         write("/config/user/user.ini", "[Backlight]\nnBacklightTime=49\n");
         write("/config/version.ini", c.version);
         write("/config/user/voip/sipAccount2.cfg", "[account]\n");
@@ -54,8 +53,7 @@ TEST_F(RunTable, BacklightConversionTable) {
         {"0", "0", "0"}, {"-2", "-2", "-120"}, {"-2147483648", "-2147483648", "-2147483648"},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         write("/config/user/user.ini", c.stored ? std::string("[Backlight]\nnBacklightTime=") + c.stored + "\n" : "");
         testing::internal::CaptureStdout();
         run({"cfgupgrade", "dev"});

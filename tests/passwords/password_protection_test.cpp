@@ -31,7 +31,7 @@ TEST_F(PasswordProtection, TheFactoryLockDecidesWhenTheTwoDisagree) {
         {"", "[PhoneSetting]\nEnLock=1\n", false, 0, "etlTrace[3] Fail to get encrypt config !!\n", "a *b"},
     };
     for (const auto& c : cases) {
-        SetUp();
+        fresh();
         if (c.user) write(kUser, c.user);
         if (c.factory) write("/phone/factory/user/user.ini", c.factory);
         if (c.list) write(kList, R"(<l><i file="/config/p.ini" section="S" key="a"/>
@@ -44,7 +44,6 @@ TEST_F(PasswordProtection, TheFactoryLockDecidesWhenTheTwoDisagree) {
         std::string stored = read("/config/p.ini");
         EXPECT_EQ(seen(valueOf(stored, "a")) + " " + seen(valueOf(stored, "b")), c.forms) << c.log;
         EXPECT_EQ(read(kUser), c.user ? c.user : "") << "the lock is never written";
-        TearDown();
     }
 }
 

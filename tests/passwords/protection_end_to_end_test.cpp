@@ -5,7 +5,7 @@
 using ProtectionEndToEnd = PhoneRoot;
 
 TEST_F(ProtectionEndToEnd, TheExampleImageSwitchesFormWithTheFactoryLock) {
-    copyTree(CFGUPGRADE_EXAMPLES "/phone-root", root_);
+    std::filesystem::copy(CFGUPGRADE_EXAMPLES "/phone-root", root_, std::filesystem::copy_options::recursive);
     const std::pair<std::string, std::string> passwords[] = {
         {"/config/user/voip/sipAccount0.cfg", "password"}, {"/config/user/voip/sipAccount1.cfg", "password"},
         {"/config/user/user.ini", "AdminPassword"}};

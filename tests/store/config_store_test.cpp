@@ -36,7 +36,7 @@ TEST_F(StoreTest, EveryCompletedWriteIsSeenByEveryFamily) {
             writeValue(++value);
             EXPECT_EQ(readValue(), value);
         }
-    commit();
+    store::commit();
     EXPECT_EQ(read(kUser), "[Net]\nk=" + std::to_string(value) + "\n");
 }
 
@@ -55,7 +55,7 @@ TEST_F(StoreTest, ReadsGiveDefaultsAndSetsCreateFilesButNoDirectories) {
     EXPECT_FALSE(etlSetProfileInt("/no/such/dir/x.ini", "S", "k", 1));
     EXPECT_FALSE(etlSetProfileInt("/config/../escape.ini", "S", "k", 1));
     EXPECT_FALSE(etlSetProfileInt("relative.ini", "S", "k", 1));
-    commit();
+    store::commit();
     EXPECT_EQ(read("/tmp/new.cfg"), "[S]\nk=1\n");
     EXPECT_FALSE(exists("/no"));
     EXPECT_FALSE(std::filesystem::exists(root_ + "/../escape.ini"));
@@ -68,7 +68,7 @@ TEST_F(StoreTest, TwoHandlesOnOneFileBothReachIt) {
     registrySetString(syslog, "strServerName", "");
     registryFlush(features);
     registryFlush(syslog);
-    commit();
+    store::commit();
     EXPECT_EQ(read("/tmp/VersionInfo.cfg"), "[Features]\nBLFLedOffIdle=1\n[Syslog]\nstrServerName=\n");
 }
 
@@ -82,7 +82,7 @@ TEST_F(StoreTest, DocumentsLoadReplaceAndSaveWhereLoaded) {
     EXPECT_EQ(doc.GetTextValue("Only", "user", "gone"), "gone");
     EXPECT_NE(doc.SetTextValue("PhoneSetting", "EnLock", "2"), 0);
     EXPECT_NE(doc.SaveToFile(), 0);
-    commit();
+    store::commit();
     EXPECT_EQ(read("/phone/factory/user/user.ini"), "[PhoneSetting]\nEnLock=2\n");
 
     // Walking the nodes: sections are 3, keys 2, other lines neither.
@@ -105,13 +105,13 @@ TEST_F(StoreTest, AtomicWriterKeepsModeLeavesNoTempAndSkipsUnchangedBytes) {
     stat(physical(kUser).c_str(), &before);
 
     etlSetProfileInt(kUser, "A", "k", 1);  // same bytes: nothing may be written
-    commit();
+    store::commit();
     struct stat same;
     stat(physical(kUser).c_str(), &same);
     EXPECT_EQ(same.st_ino, before.st_ino);
 
     etlSetProfileInt(kUser, "A", "k", 2);
-    commit();
+    store::commit();
     struct stat after;
     stat(physical(kUser).c_str(), &after);
     EXPECT_NE(after.st_ino, before.st_ino);

@@ -63,7 +63,7 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
          {{kUser, "m", longValue}}, "", "", true},
     };
     for (const auto& c : cases) {
-        SetUp();
+        fresh();
         write(kUser, c.user);
         write(kSystem, "[Net]\nh=x\n");
         // "$" in a rule stands for the source A/k of the user file.
@@ -78,6 +78,5 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
         EXPECT_EQ(result, c.result) << c.rules;
         EXPECT_EQ(log(), c.log) << c.rules;
         for (const auto& e : c.expect) EXPECT_EQ(seen(valueOf(read(e.file), e.key)), e.value) << c.rules;
-        TearDown();
     }
 }

@@ -29,8 +29,7 @@ TEST_F(AccountDefaults, RingbackTimeoutIsSeededFromAccountZeroOnlyWhenUnset) {
         {"[Feature]\nRingbackTimeout=60\n", "[account]\nCancelTimer=120\n", nullptr, "60"},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         write("/config/user/user.ini", c.user);
         if (c.account0) write(accountFilePath(0), c.account0);
         if (c.account1) write(accountFilePath(1), c.account1);

@@ -40,8 +40,7 @@ TEST_F(DirectIpAccount, GatherMovesTheHighestFlaggedAccountAndKeepsWhatDidNotCop
         {"destination not writable", {{4, account("a4")}, {9, account("a9")}}, kDirectory, "", {4, 9}},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         for (const auto& [n, text] : c.accounts) write(accountFilePath(n), text);
         place(kDirectIp, c.directIpBefore);
         runStep(gatherDirectIpAccount);
@@ -76,8 +75,7 @@ TEST_F(DirectIpAccount, InstallPrefersTheDirectIpFileThenTheFactoryCopy) {
         {"factory copy fails", nullptr, kDirectory, own, false},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         write(accountFilePath(16), own);
         place(kDirectIp, c.directIp);
         place(kFactory16, c.factory);
@@ -95,6 +93,6 @@ TEST_F(DirectIpAccount, StripValueMarksSavesOnlyAFileItCouldLoad) {
     makeDir("/config/unreadable.cfg");
     for (const char* path : {"", "/config/missing.cfg", "/config/unreadable.cfg"})
         EXPECT_EQ(stripValueMarks(path), 0) << path;
-    commit();
+    store::commit();
     EXPECT_FALSE(exists("/config/missing.cfg"));
 }

@@ -47,13 +47,12 @@ TEST_F(XmlLayouts, TalkingSoftkeyRootIsRenamedOnce) {
         {nullptr, "", noFile, 0},
     };
     for (const auto& c : cases) {
-        SetUp();
+        fresh();
         if (c.before) write("/config/softkey/Talking.xml", c.before);
         testing::internal::CaptureStdout();
         EXPECT_EQ(renameTalkingSoftkey(), c.result);
-        commit();
+        store::commit();
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
         EXPECT_EQ(read("/config/softkey/Talking.xml"), c.after);
-        TearDown();
     }
 }

@@ -40,7 +40,7 @@ TEST_F(RunTable, EachModeRunsItsStepsGatesAndBacklightConversion) {
     };
     for (const auto& c : cases) {
         fresh();
-        write("/config/user/user.ini", c.backlight ? std::string("[Backlight]\nnBacklightTime=") + c.backlight + "\n" : "");
+        write("/config/user/user.ini", c.backlight ? "[Backlight]\nnBacklightTime=" + std::string(c.backlight) : "");
         write("/config/version.ini", c.version);
         write("/config/user/voip/sipAccount2.cfg", "[account]\n");
         const std::string mode = c.args[1] + " " + c.version;

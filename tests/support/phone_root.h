@@ -51,7 +51,8 @@ protected:
     std::vector<std::pair<std::string, std::string>> snapshot() const {
         std::vector<std::pair<std::string, std::string>> files;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(root_))
-            if (entry.is_regular_file()) files.emplace_back(entry.path().string().substr(root_.size()), slurp(entry.path()));
+            if (entry.is_regular_file())
+                files.emplace_back(entry.path().string().substr(root_.size()), slurp(entry.path()));
         std::sort(files.begin(), files.end());
         return files;
     }

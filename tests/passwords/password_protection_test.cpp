@@ -1,6 +1,7 @@
 // The protection switch and the re-encoding of the listed keys, against a temporary root.
 #include <cstdlib>
 
+#include "migrations/accounts/accounts.h"
 #include "passwords/passwords.h"
 #include "support/password_values.h"
 #include "support/phone_root.h"
@@ -9,8 +10,6 @@ namespace {
 
 const char kList[] = "/phone/resource/encryptConfig.xml";
 const char kUser[] = "/config/user/user.ini";
-
-std::string account(int n) { return "/config/user/voip/sipAccount" + std::to_string(n) + ".cfg"; }
 
 using PasswordProtection = PhoneRoot;
 
@@ -65,7 +64,7 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
         <any file="/config/user/user.ini" section="PhoneSetting" key="Long"/>
         <any file="/config/user/user.ini" section="PhoneSetting" key="Absent" default=")" + dflt + R"("/>
     </list>)");
-    for (int n : {0, 1, 4, 16}) write(account(n), "[account]\npassword=" + p0 + "\n");
+    for (int n : {0, 1, 4, 16}) write(accountFilePath(n), "[account]\npassword=" + p0 + "\n");
     write(kUser,
           "[PhoneSetting]\nPin=" + pin + "\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + cut + tail + "\n");
     write("/config/system/system.ini", "[S]\nPw=" + sys + "\n");
@@ -83,16 +82,9 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
                      "etlTrace[2] Decrypt:(plain)->()\n"
                      "etlTrace[2] Decrypt:(" + cut + ")->(" + longest + ")\n"
                      "etlTrace[2] Decrypt:(" + dflt + ")->(dflt)\n");
-    for (int n : {0, 1}) EXPECT_EQ(read(account(n)), "[account]\npassword=secret0\n");
-    for (int n : {4, 16}) EXPECT_EQ(read(account(n)), "[account]\npassword=" + p0 + "\n");
+    for (int n : {0, 1}) EXPECT_EQ(read(accountFilePath(n)), "[account]\npassword=secret0\n");
+    for (int n : {4, 16}) EXPECT_EQ(read(accountFilePath(n)), "[account]\npassword=" + p0 + "\n");
     EXPECT_EQ(read(kUser), "[PhoneSetting]\nPin=2580\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + longest +
                                "\nAbsent=dflt\n");
     EXPECT_EQ(read("/config/system/system.ini"), "[S]\nPw=syspw\n");
-
-    // A pass in each direction restores every value.
-    auto plain = snapshot();
-    runStep([] { reencodeProtectedKeys(kReencodeEncrypt); });
-    EXPECT_EQ(seen(valueOf(read(kUser), "Pin")), "*2580");
-    runStep([] { reencodeProtectedKeys(kReencodeDecrypt); });
-    EXPECT_EQ(snapshot(), plain);
 }

@@ -38,8 +38,12 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
             <r srcFile="/none.ini" srcSec="A" srcKey="k" dstFile="/config/system/system.ini"/></t>)",
          {{kUser, "k", ""}, {kSystem, "gone", ""}, {kSystem, "k", ""}}, "Can's load user's inifile [/none.ini]!\n", "",
          true},
-        {"[PhoneSetting]\nEnLock=-1\n[A]\nk=v\n", R"(<t><r $ dstKey="k2"/><r $ dstEncrypt="1"/></t>)",
-         {{kUser, "k2", "v"}, {kUser, "k", "*v"}}, "", "", true},
+        // Only the exact text "1" asks for protection; an empty destination part is the source's.
+        {"[PhoneSetting]\nEnLock=-1\n[A]\nk=v\n",
+         R"(<t><r $ dstKey="k2"/><r $ dstSec="" dstKey="k3" dstEncrypt=" 1 "/><r $ dstKey="k4" dstEncrypt="true"/>
+            <r $ dstKey="k5" dstEncrypt="01"/><r $ dstEncrypt="1"/></t>)",
+         {{kUser, "k2", "v"}, {kUser, "k3", "v"}, {kUser, "k4", "v"}, {kUser, "k5", "v"}, {kUser, "k", "*v"}}, "", "",
+         true},
         // The lock is read once, before the first rule.
         {"[PhoneSetting]\nEnLock=0\n[A]\nk=v\non=1\n",
          R"(<t><r srcFile="/config/user/user.ini" srcSec="A" srcKey="on" dstSec="PhoneSetting" dstKey="EnLock"/>

@@ -1,5 +1,4 @@
 // The binary on a copy of the example phone image, mode after mode.
-#include "support/password_values.h"
 #include "support/phone_root.h"
 
 using EndToEnd = PhoneRoot;

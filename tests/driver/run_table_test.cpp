@@ -1,6 +1,5 @@
 // The driver's run table, observed through the files and lines each mode produces.
 #include "driver/driver.h"
-#include "support/password_values.h"
 #include "support/phone_root.h"
 
 using RunTable = PhoneRoot;

@@ -3,7 +3,6 @@
 
 #include "migrations/accounts/accounts.h"
 #include "passwords/passwords.h"
-#include "support/password_values.h"
 #include "support/phone_root.h"
 
 namespace {

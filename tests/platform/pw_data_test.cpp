@@ -3,7 +3,6 @@
 #include <cstring>
 #include <tuple>
 
-#include "support/password_values.h"
 #include "support/phone_root.h"
 
 namespace {

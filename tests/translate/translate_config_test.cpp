@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <vector>
 
-#include "support/password_values.h"
 #include "support/phone_root.h"
 #include "translate/translate.h"
 

@@ -4,17 +4,13 @@
 #include "migrations/accounts/accounts.h"
 #include "support/phone_root.h"
 
-namespace {
-
 const char kDirectIp[] = "/config/user/voip/directip.cfg";
 const char kFactory16[] = "/phone/factory/user/voip/sipAccount16.cfg";
 const char kDirectory[] = "<dir>";  // a directory where a file is expected: copies to or from it fail
 
-std::string account(const std::string& label, const char* flag = "1") {
+static std::string account(const std::string& label, const char* flag = "1") {
     return "[account]\nLabel=" + label + "\ndirectip = " + flag + "\n";
 }
-
-}  // namespace
 
 class DirectIpAccount : public PhoneRoot {
 protected:
@@ -26,12 +22,9 @@ protected:
 };
 
 TEST_F(DirectIpAccount, GatherMovesTheHighestFlaggedAccountAndKeepsWhatDidNotCopy) {
-    struct {
-        std::map<int, std::string> accounts;
-        const char* directIpBefore;
-        std::string directIpAfter;  // empty: no direct-IP file
-        std::vector<int> remaining;
-    } cases[] = {
+    // Account files, the direct-IP file before and after ("": none), the account files left as they were.
+    struct { std::map<int, std::string> accounts; const char* before; std::string after; std::vector<int> left; }
+    cases[] = {
         {{{0, account("a0")}, {5, account("a5", "2")}, {16, account("a16")}}, nullptr, account("a16"), {5}},
         {{{0, "[account]\n"}, {4, account("a4", "0")}}, "[old]\n", "[old]\n", {0, 4}},
         {{{4, account("a4")}, {9, account("a9")}}, kDirectory, "", {4, 9}},  // the destination is not writable
@@ -39,17 +32,17 @@ TEST_F(DirectIpAccount, GatherMovesTheHighestFlaggedAccountAndKeepsWhatDidNotCop
     for (const auto& c : cases) {
         fresh();
         for (const auto& [n, text] : c.accounts) write(accountFilePath(n), text);
-        place(kDirectIp, c.directIpBefore);
+        place(kDirectIp, c.before);
         runStep(gatherDirectIpAccount);
 
-        std::vector<int> remaining;
+        std::vector<int> left;
         for (const auto& [n, text] : c.accounts)
-            if (exists(accountFilePath(n)) && read(accountFilePath(n)) == text) remaining.push_back(n);
-        EXPECT_EQ(remaining, c.remaining) << c.directIpAfter;
-        EXPECT_EQ(read(kDirectIp), c.directIpAfter);
+            if (read(accountFilePath(n)) == text) left.push_back(n);
+        EXPECT_EQ(left, c.left) << c.after;
+        EXPECT_EQ(read(kDirectIp), c.after);
         // A failed copy is logged once by the store, naming both files.
         EXPECT_EQ(log().find("Cannot copy [" + accountFilePath(9) + "] to [" + kDirectIp + "]") != std::string::npos,
-                  c.directIpBefore == kDirectory);
+                  c.before == kDirectory);
     }
 }
 

@@ -24,7 +24,7 @@ TEST_F(RunTable, EachModeRunsItsStepsGatesAndBacklightConversion) {
         const char* backlight;  // nBacklightTime before (null: none) and after
         const char* after;
         const char* out;        // standard output
-        const char* logged;     // "T": the translation ran, "P": the password switch ran
+        const char* logged;     // "T": the translation ran, "P": the password switch ran, "U": the usage line
     } cases[] = {
         {{"cfgupgrade", "all"}, "", "49", "2940", "iBackLightTime[49]\n", "TP"},
         {{"cfgupgrade", "dev", "extra"}, "", "59", "3540", "iBackLightTime[59]\n", "T"},
@@ -36,26 +36,21 @@ TEST_F(RunTable, EachModeRunsItsStepsGatesAndBacklightConversion) {
         {{"cfgupgrade", "1"}, "", "49", "49", "", ""},
         {{"cfgupgrade", "2"}, "", "49", "49", "No File[/config/softkey/Talking.xml]!\n", ""},
         {{"cfgupgrade", "ALL"}, "", "49", "49", "", ""},
+        {{"/usr/bin/cfgupgrade"}, "", "49", "49", "", "U"},  // no mode: no step runs
     };
     for (const auto& c : cases) {
         fresh();
         write("/config/user/user.ini", c.backlight ? "[Backlight]\nnBacklightTime=" + std::string(c.backlight) : "");
         write("/config/version.ini", c.version);
         write("/config/user/voip/sipAccount2.cfg", "[account]\n");
-        const std::string mode = c.args[1] + " " + c.version;
+        const std::string mode = c.args.back() + " " + c.version;
         EXPECT_EQ(run(c.args), c.out) << mode;
         EXPECT_EQ(valueOf(read("/config/user/user.ini"), "nBacklightTime"), c.after) << mode;
-        EXPECT_EQ(valueOf(read("/config/user/voip/sipAccount2.cfg"), "SCALineKeyNumber"), "-1") << mode;
+        EXPECT_EQ(valueOf(read("/config/user/voip/sipAccount2.cfg"), "SCALineKeyNumber"),
+                  c.args.size() > 1 ? "-1" : "(absent)") << mode;
         std::string logged = log().find("configTranslate") != std::string::npos ? "T" : "";
         if (log().find("factory user's") != std::string::npos) logged += "P";
+        if (log() == "app_log[60/6] Usage: \n#/usr/bin/cfgupgrade [all|dev|pwd]\n") logged += "U";
         EXPECT_EQ(logged, c.logged) << mode;
     }
-}
-
-TEST_F(RunTable, UsageLineWithoutModeTouchesNothing) {
-    write("/config/user/voip/sipAccount2.cfg", "[account]\n");
-    auto before = snapshot();
-    EXPECT_EQ(run({"/usr/bin/cfgupgrade"}), "");
-    EXPECT_EQ(snapshot(), before);
-    EXPECT_EQ(log(), "app_log[60/6] Usage: \n#/usr/bin/cfgupgrade [all|dev|pwd]\n");
 }

@@ -8,7 +8,6 @@ TEST_F(AccountDefaults, ScaLineKeyNumberBecomesExplicitInExistingFilesOnly) {
     struct { int account; const char* before; const char* after; } cases[] = {
         {0, "[account]\nLabel=a\n", "[account]\nLabel=a\nSCALineKeyNumber=-1\n"},
         {3, "", "[account]\nSCALineKeyNumber=-1\n"},
-        {5, "[account]\nSCALineKeyNumber=2\n", "[account]\nSCALineKeyNumber=2\n"},
         {6, "[account]\nSCALineKeyNumber=0\n", "[account]\nSCALineKeyNumber=0\n"},
         {7, "[account]\nSCALineKeyNumber = -1\n", "[account]\nSCALineKeyNumber = -1\n"},
         {16, "[other]\nx=1\n", "[other]\nx=1\n[account]\nSCALineKeyNumber=-1\n"},

@@ -8,9 +8,6 @@
 
 namespace {
 
-int encryptResult = 0;
-bool encryptWrites = true;
-
 // A fake protected form, "P(plain)". A failed decrypt leaves junk behind, as it may.
 int fakeDecrypt(const char* input, char* output) {
     std::string text = input;
@@ -20,25 +17,26 @@ int fakeDecrypt(const char* input, char* output) {
 }
 
 int fakeEncrypt(const char* input, char* output) {
-    std::strcpy(output, encryptWrites ? ("P(" + std::string(input) + ")").c_str() : "");
-    return encryptResult;
+    std::strcpy(output, ("P(" + std::string(input) + ")").c_str());
+    return 0;
 }
+
+// Routines that write nothing: one reports success, the other refuses (too long, no key).
+int encryptToNothing(const char*, char* output) { output[0] = '\0'; return 0; }
+int refuseToEncrypt(const char*, char* output) { output[0] = '\0'; return 1; }
 
 }  // namespace
 
 TEST(ProtectValueTest, FollowsWhatTheRoutinesSay) {
-    struct { std::string input; bool protect; int encryptResult; bool encryptWrites; std::string expected; } cases[] = {
-        {"secret", false, 0, true, "secret"},
-        {"secret", true, 0, true, "P(secret)"},
-        {"P(secret)", true, 0, true, "P(secret)"},
-        {"P()", true, 0, true, "P()"},
-        {"P(caf\xc3\xa9)", true, 0, true, "P(P(caf\xc3\xa9))"},  // decrypts, but not to a value of ours
-        {"secret", true, 0, false, ""},
-        {"too long to protect", true, 1, false, "too long to protect"},
+    struct { std::string input; bool protect; int (*encrypt)(const char*, char*); std::string expected; } cases[] = {
+        {"secret", false, fakeEncrypt, "secret"},
+        {"secret", true, fakeEncrypt, "P(secret)"},
+        {"P(secret)", true, fakeEncrypt, "P(secret)"},
+        {"P()", true, fakeEncrypt, "P()"},
+        {"P(caf\xc3\xa9)", true, fakeEncrypt, "P(P(caf\xc3\xa9))"},  // decrypts, but not to a value of ours
+        {"secret", true, encryptToNothing, ""},
+        {"too long to protect", true, refuseToEncrypt, "too long to protect"},
     };
-    for (const auto& c : cases) {
-        encryptResult = c.encryptResult;
-        encryptWrites = c.encryptWrites;
-        EXPECT_EQ(protectValue(c.input, c.protect, {fakeEncrypt, fakeDecrypt}), c.expected) << c.input;
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(protectValue(c.input, c.protect, {c.encrypt, fakeDecrypt}), c.expected) << c.input;
 }

@@ -1,8 +1,11 @@
-// The translation step against a temporary phone root.
+// The translation step against a temporary phone root, and the value protection it
+// applies, with password routines the test controls.
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "support/phone_root.h"
+#include "translate/protect_value.h"
 #include "translate/translate.h"
 
 namespace {
@@ -13,20 +16,31 @@ const char kSrc[] = R"(srcFile="/config/user/user.ini" srcSec="A" srcKey="k")";
 
 using TranslateConfig = PhoneRoot;
 
+// A fake protected form, "P(plain)". A failed decrypt leaves junk behind, as it may.
+int fakeDecrypt(const char* input, char* output) {
+    std::string text = input;
+    bool ok = text.size() >= 3 && text.rfind("P(", 0) == 0 && text.back() == ')';
+    std::strcpy(output, ok ? text.substr(2, text.size() - 3).c_str() : "junk");
+    return ok ? 0 : 1;
+}
+
+int fakeEncrypt(const char* input, char* output) {
+    std::strcpy(output, ("P(" + std::string(input) + ")").c_str());
+    return 0;
+}
+
+// Routines that write nothing: one reports success, the other refuses (too long, no key).
+int encryptToNothing(const char*, char* output) { output[0] = '\0'; return 0; }
+int refuseToEncrypt(const char*, char* output) { output[0] = '\0'; return 1; }
+
 }  // namespace
 
 TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
     const std::string longKey(500, 'n'), longValue(700, 'v');
-    // Expected values: "*v" stands for a protected form of v.
-    struct Expect { const char* file; std::string key; std::string value; };
-    struct {
-        std::string user;
-        std::string rules;  // empty: no rule file
-        std::vector<Expect> expect;
-        const char* out;
-        const char* log;
-        bool result;
-    } cases[] = {
+    struct Expect { const char* file; std::string key; std::string value; };  // "*v": a protected form of v
+    // The user file, the rule file ("": none), the values after, standard output, the log, the result.
+    struct { std::string user, rules; std::vector<Expect> expect; const char* out; const char* log; bool result; }
+    cases[] = {
         {"[A]\nk=v\n", "", {{kUser, "k", "v"}}, "",
          "app_log[60/4] The file [/phone/resource/configTranslate.xml] not exist !\n", false},
         {"[A]\nk=v\n", "<t><r/>", {{kUser, "k", "v"}}, "", "app_log[60/4] Load translate file failed!\n", false},
@@ -75,4 +89,18 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
         EXPECT_EQ(log(), c.log) << c.rules;
         for (const auto& e : c.expect) EXPECT_EQ(seen(valueOf(read(e.file), e.key)), e.value) << c.rules;
     }
+}
+
+TEST(ProtectValueTest, FollowsWhatTheRoutinesSay) {
+    struct { std::string input; bool protect; int (*encrypt)(const char*, char*); std::string expected; } cases[] = {
+        {"secret", false, fakeEncrypt, "secret"},
+        {"secret", true, fakeEncrypt, "P(secret)"},
+        {"P(secret)", true, fakeEncrypt, "P(secret)"},
+        {"P()", true, fakeEncrypt, "P()"},
+        {"P(caf\xc3\xa9)", true, fakeEncrypt, "P(P(caf\xc3\xa9))"},  // decrypts, but not to a value of ours
+        {"secret", true, encryptToNothing, ""},
+        {"too long to protect", true, refuseToEncrypt, "too long to protect"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(protectValue(c.input, c.protect, {c.encrypt, fakeDecrypt}), c.expected) << c.input;
 }

@@ -6,10 +6,10 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -49,13 +49,11 @@ protected:
     // Log records written since the root was made.
     std::string log() const { return slurp(root_ + ".log"); }
 
-    // Every regular file under the root with its content, sorted by path.
-    std::vector<std::pair<std::string, std::string>> snapshot() const {
-        std::vector<std::pair<std::string, std::string>> files;
+    // Every regular file under the root, by path, with its content.
+    std::map<std::string, std::string> snapshot() const {
+        std::map<std::string, std::string> files;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(root_))
-            if (entry.is_regular_file())
-                files.emplace_back(entry.path().string().substr(root_.size()), slurp(entry.path()));
-        std::sort(files.begin(), files.end());
+            if (entry.is_regular_file()) files[entry.path().string().substr(root_.size())] = slurp(entry.path());
         return files;
     }
 

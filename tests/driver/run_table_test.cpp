@@ -26,8 +26,7 @@ TEST_F(RunTable, EachModeRunsItsStepsGatesAndBacklightConversion) {
         const char* out;        // standard output
         const char* logged;     // "T": the translation ran, "P": the password switch ran, "U": the usage line
     } cases[] = {
-        {{"cfgupgrade", "all"}, "", "49", "2940", "iBackLightTime[49]\n", "TP"},
-        {{"cfgupgrade", "dev", "extra"}, "", "59", "3540", "iBackLightTime[59]\n", "T"},
+        {{"cfgupgrade", "all", "extra"}, "", "59", "3540", "iBackLightTime[59]\n", "TP"},
         {{"cfgupgrade", "dev"}, "", nullptr, "(absent)", "iBackLightTime[60]\n", "T"},
         {{"cfgupgrade", "dev"}, "", "60", "60", "iBackLightTime[60]\n", "T"},
         {{"cfgupgrade", "dev"}, "", "-2147483648", "-2147483648", "iBackLightTime[-2147483648]\n", "T"},

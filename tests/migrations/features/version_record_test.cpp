@@ -21,7 +21,6 @@ TEST_F(VersionRecord, RecordHoldsSevenKeysEmptyWhereTheSourceLacksThem) {
 TEST_F(VersionRecord, CurrentSettingsFromTheRecord) {
     const std::string lightOff = "PowerLed_Ring=1\nPowerLed_Mail=0\nPowerLed_Mute=0\nPowerLed_HoldHeld=0\n";
     struct { void (*step)(); const char* record; std::string before; std::string after; } cases[] = {
-        {migrateBlfLedMode, "[Features]\nBLfNotifyType=1\nBLFLedOffIdle=1\n", "", "[BLFLed]\nBLFLedMode=1\n"},
         {migrateBlfLedMode, "[Features]\nBLfNotifyType=0\nBLFLedOffIdle=1\n", "", "[BLFLed]\nBLFLedMode=2\n"},
         {migrateBlfLedMode, "[Features]\nBLfNotifyType=1abc\nBLFLedOffIdle=5\n", "", "[BLFLed]\nBLFLedMode=1\n"},
         {migrateBlfLedMode, "[Features]\nBLFLedOffIdle=99999999999\n", "", "[BLFLed]\nBLFLedMode=-2\n"},  // wraps

@@ -49,24 +49,26 @@ TEST_F(DirectIpAccount, GatherMovesTheHighestFlaggedAccountAndKeepsWhatDidNotCop
 TEST_F(DirectIpAccount, InstallPrefersTheDirectIpFileThenTheFactoryCopy) {
     // One mark goes from keys in sections only; a blank after the mark is spacing.
     const char* factory = "top=?x\n[account]\nLabel=?abc\nUser=??x\nPass=?\nHost=a?b\n; ?c\nSp = ? s\r\n[b]\nj=?y";
-    const char* own = "[account]\nLabel=?own\n";
-    struct { const char* what; const char* directIp; const char* factory; std::string account16; bool directIpStays; }
+    const char *own = "[account]\nLabel=?own\n", *direct = "[account]\nLabel=?abc\n";
+    // Account file 16, the direct-IP file and the factory copy before; account file 16 after.
+    struct { const char* what; const char *before, *directIp, *factory; std::string after; bool directIpStays; }
     cases[] = {
-        {"direct-IP file", "[account]\nLabel=?abc\n", factory, "[account]\nLabel=?abc\n", false},
-        {"factory copy", nullptr, factory,
+        {"direct-IP file", own, direct, factory, direct, false},
+        {"factory copy", own, nullptr, factory,
          "top=?x\n[account]\nLabel=abc\nUser=?x\nPass=\nHost=a?b\n; ?c\nSp = s\r\n[b]\nj=y", false},
-        {"neither", nullptr, nullptr, own, false},
-        {"direct-IP copy fails", kDirectory, factory, own, true},
-        {"factory copy fails", nullptr, kDirectory, own, false},
+        {"neither", own, nullptr, nullptr, own, false},
+        {"direct-IP file unreadable", own, kDirectory, factory, own, true},
+        {"account file 16 unwritable", kDirectory, direct, factory, "", true},
+        {"factory copy fails", own, nullptr, kDirectory, own, false},
     };
     for (const auto& c : cases) {
         fresh();
-        write(accountFilePath(16), own);
+        place(accountFilePath(16), c.before);
         place(kDirectIp, c.directIp);
         place(kFactory16, c.factory);
         runStep(installDirectIpAccount);
 
-        EXPECT_EQ(read(accountFilePath(16)), c.account16) << c.what;
+        EXPECT_EQ(read(accountFilePath(16)), c.after) << c.what;
         EXPECT_EQ(exists(kDirectIp), c.directIpStays) << c.what;
         EXPECT_EQ(read(kFactory16), c.factory == factory ? factory : "") << "the factory set is only read";
     }

@@ -6,71 +6,50 @@ using RunTable = PhoneRoot;
 
 namespace {
 
-int run(std::vector<std::string> args) {
+// Runs the driver in-process; what it printed.
+std::string run(std::vector<std::string> args) {
     std::vector<char*> argv;
     for (auto& arg : args) argv.push_back(&arg[0]);
-    return runUpgrade(static_cast<int>(argv.size()), argv.data());
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(runUpgrade(static_cast<int>(argv.size()), argv.data()), 0);
+    return testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
 
-TEST_F(RunTable, EachModeRunsItsStepsAndGates) {
+TEST_F(RunTable, EachModeRunsItsStepsGatesAndBacklightConversion) {
     struct {
         std::vector<std::string> args;
-        const char* version;   // /config/version.ini
-        bool accountStep;      // SCALineKeyNumber made explicit
-        const char* backlight; // stored nBacklightTime afterwards
-        const char* out;       // standard output
+        const char* version;    // /config/version.ini
+        const char* backlight;  // nBacklightTime before (null: none) and after
+        const char* after;
+        const char* out;        // standard output
+        const char* logged;     // "T": the translation ran, "P": the password switch ran, "U": the usage line
     } cases[] = {
-        {{"cfgupgrade", "all"}, "", true, "2940", "iBackLightTime[49]\n"},
-        {{"cfgupgrade", "dev", "extra"}, "", true, "2940", "iBackLightTime[49]\n"},
-        {{"cfgupgrade", "all"}, "[SyncConfig]\nbEnableFromOld=0\n", true, "49", ""},
-        {{"cfgupgrade", "pwd"}, "", true, "49", ""},
-        {{"cfgupgrade", "1"}, "", true, "49", ""},
-        {{"cfgupgrade", "2"}, "", true, "49", "No File[/config/softkey/Talking.xml]!\n"},
-        {{"cfgupgrade", "ALL"}, "", true, "49", ""},
-        {{"cfgupgrade", ""}, "", true, "49", ""},
-        {{"cfgupgrade"}, "", false, "49", ""},
+        {{"cfgupgrade", "all", "extra"}, "", "59", "3540", "iBackLightTime[59]\n", "TP"},
+        {{"cfgupgrade", "dev"}, "", nullptr, "(absent)", "iBackLightTime[60]\n", "T"},
+        {{"cfgupgrade", "dev"}, "", "60", "60", "iBackLightTime[60]\n", "T"},
+        {{"cfgupgrade", "dev"}, "", "-2147483648", "-2147483648", "iBackLightTime[-2147483648]\n", "T"},
+        {{"cfgupgrade", "all"}, "[SyncConfig]\nbEnableFromOld=0\n", "49", "49", "", "TP"},
+        {{"cfgupgrade", "pwd"}, "", "49", "49", "", "P"},
+        {{"cfgupgrade", "1"}, "", "49", "49", "", ""},
+        {{"cfgupgrade", "2"}, "", "49", "49", "No File[/config/softkey/Talking.xml]!\n", ""},
+        {{"cfgupgrade", "ALL"}, "", "49", "49", "", ""},
+        {{"/usr/bin/cfgupgrade"}, "", "49", "49", "", "U"},  // no mode: no step runs
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
-        write("/config/user/user.ini", "[Backlight]\nnBacklightTime=49\n");
+        fresh();
+        write("/config/user/user.ini", c.backlight ? "[Backlight]\nnBacklightTime=" + std::string(c.backlight) : "");
         write("/config/version.ini", c.version);
         write("/config/user/voip/sipAccount2.cfg", "[account]\n");
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(run(c.args), 0);
-        std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(read("/config/user/voip/sipAccount2.cfg").find("SCALineKeyNumber=-1") != std::string::npos,
-                  c.accountStep);
-        EXPECT_NE(read("/config/user/user.ini").find(std::string("nBacklightTime=") + c.backlight), std::string::npos);
-        EXPECT_EQ(out, c.out);
+        const std::string mode = c.args.back() + " " + c.version;
+        EXPECT_EQ(run(c.args), c.out) << mode;
+        EXPECT_EQ(valueOf(read("/config/user/user.ini"), "nBacklightTime"), c.after) << mode;
+        EXPECT_EQ(valueOf(read("/config/user/voip/sipAccount2.cfg"), "SCALineKeyNumber"),
+                  c.args.size() > 1 ? "-1" : "(absent)") << mode;
+        std::string logged = log().find("configTranslate") != std::string::npos ? "T" : "";
+        if (log().find("factory user's") != std::string::npos) logged += "P";
+        if (log() == "app_log[60/6] Usage: \n#/usr/bin/cfgupgrade [all|dev|pwd]\n") logged += "U";
+        EXPECT_EQ(logged, c.logged) << mode;
     }
-}
-
-TEST_F(RunTable, BacklightConversionTable) {
-    struct { const char* stored; const char* printed; const char* after; } cases[] = {
-        {nullptr, "60", nullptr}, {"59", "59", "3540"}, {"60", "60", "60"}, {"1", "1", "60"},
-        {"0", "0", "0"}, {"-2", "-2", "-120"}, {"-2147483648", "-2147483648", "-2147483648"},
-    };
-    for (const auto& c : cases) {
-        TearDown();
-        SetUp();
-        write("/config/user/user.ini", c.stored ? std::string("[Backlight]\nnBacklightTime=") + c.stored + "\n" : "");
-        testing::internal::CaptureStdout();
-        run({"cfgupgrade", "dev"});
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("iBackLightTime[") + c.printed + "]\n");
-        std::string user = read("/config/user/user.ini");
-        std::string expected = c.after ? std::string("nBacklightTime=") + c.after + "\n" : "";
-        EXPECT_EQ(user.find("nBacklightTime") != std::string::npos, c.after != nullptr) << user;
-        EXPECT_NE(user.find(expected), std::string::npos) << user;
-    }
-}
-
-TEST_F(RunTable, UsageLineWithoutModeTouchesNothing) {
-    write("/config/user/user.ini", "[Backlight]\nnBacklightTime=5\n");
-    auto before = snapshot();
-    EXPECT_EQ(run({"/usr/bin/cfgupgrade"}), 0);
-    EXPECT_EQ(snapshot(), before);
-    EXPECT_EQ(log(), "app_log[60/6] Usage: \n#/usr/bin/cfgupgrade [all|dev|pwd]\n");
 }

@@ -1,16 +1,14 @@
 // The protection switch and the re-encoding of the listed keys, against a temporary root.
 #include <cstdlib>
 
+#include "migrations/accounts/accounts.h"
 #include "passwords/passwords.h"
-#include "support/password_values.h"
 #include "support/phone_root.h"
 
 namespace {
 
 const char kList[] = "/phone/resource/encryptConfig.xml";
 const char kUser[] = "/config/user/user.ini";
-
-std::string account(int n) { return "/config/user/voip/sipAccount" + std::to_string(n) + ".cfg"; }
 
 using PasswordProtection = PhoneRoot;
 
@@ -31,7 +29,7 @@ TEST_F(PasswordProtection, TheFactoryLockDecidesWhenTheTwoDisagree) {
         {"", "[PhoneSetting]\nEnLock=1\n", false, 0, "etlTrace[3] Fail to get encrypt config !!\n", "a *b"},
     };
     for (const auto& c : cases) {
-        SetUp();
+        fresh();
         if (c.user) write(kUser, c.user);
         if (c.factory) write("/phone/factory/user/user.ini", c.factory);
         if (c.list) write(kList, R"(<l><i file="/config/p.ini" section="S" key="a"/>
@@ -44,7 +42,6 @@ TEST_F(PasswordProtection, TheFactoryLockDecidesWhenTheTwoDisagree) {
         std::string stored = read("/config/p.ini");
         EXPECT_EQ(seen(valueOf(stored, "a")) + " " + seen(valueOf(stored, "b")), c.forms) << c.log;
         EXPECT_EQ(read(kUser), c.user ? c.user : "") << "the lock is never written";
-        TearDown();
     }
 }
 
@@ -66,7 +63,7 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
         <any file="/config/user/user.ini" section="PhoneSetting" key="Long"/>
         <any file="/config/user/user.ini" section="PhoneSetting" key="Absent" default=")" + dflt + R"("/>
     </list>)");
-    for (int n : {0, 1, 4, 16}) write(account(n), "[account]\npassword=" + p0 + "\n");
+    for (int n : {0, 1, 4, 16}) write(accountFilePath(n), "[account]\npassword=" + p0 + "\n");
     write(kUser,
           "[PhoneSetting]\nPin=" + pin + "\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + cut + tail + "\n");
     write("/config/system/system.ini", "[S]\nPw=" + sys + "\n");
@@ -84,16 +81,9 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
                      "etlTrace[2] Decrypt:(plain)->()\n"
                      "etlTrace[2] Decrypt:(" + cut + ")->(" + longest + ")\n"
                      "etlTrace[2] Decrypt:(" + dflt + ")->(dflt)\n");
-    for (int n : {0, 1}) EXPECT_EQ(read(account(n)), "[account]\npassword=secret0\n");
-    for (int n : {4, 16}) EXPECT_EQ(read(account(n)), "[account]\npassword=" + p0 + "\n");
+    for (int n : {0, 1}) EXPECT_EQ(read(accountFilePath(n)), "[account]\npassword=secret0\n");
+    for (int n : {4, 16}) EXPECT_EQ(read(accountFilePath(n)), "[account]\npassword=" + p0 + "\n");
     EXPECT_EQ(read(kUser), "[PhoneSetting]\nPin=2580\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + longest +
                                "\nAbsent=dflt\n");
     EXPECT_EQ(read("/config/system/system.ini"), "[S]\nPw=syspw\n");
-
-    // A pass in each direction restores every value.
-    auto plain = snapshot();
-    runStep([] { reencodeProtectedKeys(kReencodeEncrypt); });
-    EXPECT_EQ(seen(valueOf(read(kUser), "Pin")), "*2580");
-    runStep([] { reencodeProtectedKeys(kReencodeDecrypt); });
-    EXPECT_EQ(snapshot(), plain);
 }

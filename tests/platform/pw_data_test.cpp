@@ -3,7 +3,6 @@
 #include <cstring>
 #include <tuple>
 
-#include "support/password_values.h"
 #include "support/phone_root.h"
 
 namespace {
@@ -27,7 +26,6 @@ TEST_F(PasswordRoutines, RoundTripUpToTheBoundAndNothingElseDecrypts) {
     tampered[20] = tampered[20] == 'A' ? 'B' : 'A';
     struct { int (*routine)(const char*, char*); std::string input; int failed; std::string text; } cases[] = {
         {pw_data_decrypt, protectedForm(longest), 0, longest},
-        {pw_data_decrypt, protectedForm("a b=c#d;\xc3\xa9"), 0, "a b=c#d;\xc3\xa9"},
         {pw_data_encrypt, sealed, 0, sealed},
         {pw_data_encrypt, "", 0, ""},
         {pw_data_encrypt, longest + "x", 1, ""},

@@ -1,42 +1,103 @@
 // A temporary phone root for tests: CFGUPGRADE_ROOT points at a fresh directory,
-// files are addressed by their logical paths, and the log goes to a file.
+// files are addressed by their logical paths, and the log goes to a file beside it.
+// Also how tests look at stored values: INI lines and protected forms.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "platform/pw_data.h"
+#include "store/config_store.h"
+
 class PhoneRoot : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        char tmpl[] = "/tmp/cfgupgrade-test-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        std::filesystem::create_directories(root_ + "/tmp");
+        setenv("CFGUPGRADE_ROOT", root_.c_str(), 1);
+        setenv("CFGUPGRADE_LOG", (root_ + ".log").c_str(), 1);
+        unsetenv("CFGUPGRADE_TRACE_LEVEL");
+        store::reset();
+    }
+    void TearDown() override {
+        store::reset();
+        std::error_code ec;
+        std::filesystem::remove_all(root_, ec);
+        std::filesystem::remove(root_ + ".log", ec);
+    }
+    // A new, empty root for the next case of a table.
+    void fresh() { TearDown(); SetUp(); }
 
-    // Writes a file (creating its directories) and reads it back, by logical path.
-    void write(const std::string& logical, const std::string& content);
-    std::string read(const std::string& logical) const;
-    bool exists(const std::string& logical) const;
-    void makeDir(const std::string& logical);
     std::string physical(const std::string& logical) const { return root_ + logical; }
-    // Every regular file under the root, with its content, sorted by path.
-    std::vector<std::pair<std::string, std::string>> snapshot() const;
+    void write(const std::string& logical, const std::string& content) {
+        std::filesystem::create_directories(std::filesystem::path(physical(logical)).parent_path());
+        std::ofstream(physical(logical), std::ios::binary) << content;
+    }
+    std::string read(const std::string& logical) const { return slurp(physical(logical)); }
+    bool exists(const std::string& logical) const { return std::filesystem::exists(physical(logical)); }
+    void makeDir(const std::string& logical) { std::filesystem::create_directories(physical(logical)); }
+    // Log records written since the root was made.
+    std::string log() const { return slurp(root_ + ".log"); }
+
+    // Every regular file under the root, by path, with its content.
+    std::map<std::string, std::string> snapshot() const {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(root_))
+            if (entry.is_regular_file()) files[entry.path().string().substr(root_.size())] = slurp(entry.path());
+        return files;
+    }
 
     // Runs one step as the driver does: the step, then a commit of the store.
     template <typename Step>
     void runStep(Step step) {
         step();
-        commit();
+        store::commit();
     }
-    void commit();
 
-    // Log records written since the test began.
-    std::string log() const;
-
-    // Runs the cfgupgrade binary on this root; returns its exit status, fills out/err.
-    int runTool(const std::vector<std::string>& args, std::string* out = nullptr);
+    // Runs the cfgupgrade binary on this root (its output discarded); its exit status.
+    int runTool(const std::vector<std::string>& args) {
+        std::string command = CFGUPGRADE_BINARY;
+        for (const auto& arg : args) command += " '" + arg + "'";
+        int status = std::system((command + " >/dev/null").c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
 
     std::string root_;
+
+private:
+    static std::string slurp(const std::string& path) {
+        std::stringstream buffer;
+        buffer << std::ifstream(path, std::ios::binary).rdbuf();
+        return buffer.str();
+    }
 };
 
-// Copies a directory tree (the example image) under the test root.
-void copyTree(const std::string& from, const std::string& to);
+// The value of the first line "key=..." or "key = ..."; "(absent)" without one.
+inline std::string valueOf(const std::string& ini, const std::string& key) {
+    for (const std::string& lead : {"\n" + key + "=", "\n" + key + " = "}) {
+        size_t at = ("\n" + ini).find(lead);
+        if (at != std::string::npos) return ini.substr(at + lead.size() - 1, ini.find('\n', at) - at - lead.size() + 1);
+    }
+    return "(absent)";
+}
+
+inline std::string protectedForm(const std::string& plain) {
+    char out[kPwDataBufferSize] = {};
+    return pw_data_encrypt(plain.c_str(), out) == 0 ? out : "(failed)";
+}
+
+// A stored value as the tables write it: "*plain" for a protected form, else itself.
+inline std::string seen(const std::string& value) {
+    char plain[kPwDataBufferSize] = {};
+    return pw_data_decrypt(value.c_str(), plain) == 0 ? "*" + std::string(plain) : value;
+}

@@ -8,7 +8,6 @@ TEST_F(AccountDefaults, ScaLineKeyNumberBecomesExplicitInExistingFilesOnly) {
     struct { int account; const char* before; const char* after; } cases[] = {
         {0, "[account]\nLabel=a\n", "[account]\nLabel=a\nSCALineKeyNumber=-1\n"},
         {3, "", "[account]\nSCALineKeyNumber=-1\n"},
-        {5, "[account]\nSCALineKeyNumber=2\n", "[account]\nSCALineKeyNumber=2\n"},
         {6, "[account]\nSCALineKeyNumber=0\n", "[account]\nSCALineKeyNumber=0\n"},
         {7, "[account]\nSCALineKeyNumber = -1\n", "[account]\nSCALineKeyNumber = -1\n"},
         {16, "[other]\nx=1\n", "[other]\nx=1\n[account]\nSCALineKeyNumber=-1\n"},
@@ -20,20 +19,18 @@ TEST_F(AccountDefaults, ScaLineKeyNumberBecomesExplicitInExistingFilesOnly) {
 }
 
 TEST_F(AccountDefaults, RingbackTimeoutIsSeededFromAccountZeroOnlyWhenUnset) {
-    struct { const char* user; const char* account0; const char* account1; const char* expected; } cases[] = {
-        {"", "[account]\nCancelTimer=120\n", nullptr, "120"},
-        {"", nullptr, nullptr, "180"},
-        {"", "[account]\nOther=1\n", "[account]\nCancelTimer=99\n", "180"},
-        {"[Feature]\nRingbackTimeout=-1\n", "[account]\nCancelTimer=-1\n", nullptr, "-1"},
-        {"[Feature]\nRingbackTimeout=0\n", "[account]\nCancelTimer=120\n", nullptr, "0"},
-        {"[Feature]\nRingbackTimeout=60\n", "[account]\nCancelTimer=120\n", nullptr, "60"},
+    struct { const char* user; const char* account0; const char* expected; } cases[] = {
+        {"", "[account]\nCancelTimer=120\n", "120"},
+        {"[Feature]\nRingbackTimeout=-1\n", "[account]\nCancelTimer=90\n", "90"},
+        {"", nullptr, "180"},
+        {"", "[account]\nOther=1\n", "180"},  // account file 1 holds 99: only account file 0 counts
+        {"[Feature]\nRingbackTimeout=0\n", "[account]\nCancelTimer=120\n", "0"},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         write("/config/user/user.ini", c.user);
         if (c.account0) write(accountFilePath(0), c.account0);
-        if (c.account1) write(accountFilePath(1), c.account1);
+        write(accountFilePath(1), "[account]\nCancelTimer=99\n");
         runStep(migrateRingbackTimeout);
         std::string user = read("/config/user/user.ini");
         EXPECT_NE(user.find(std::string("RingbackTimeout=") + c.expected + "\n"), std::string::npos) << user;

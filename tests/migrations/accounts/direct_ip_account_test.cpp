@@ -4,17 +4,13 @@
 #include "migrations/accounts/accounts.h"
 #include "support/phone_root.h"
 
-namespace {
-
 const char kDirectIp[] = "/config/user/voip/directip.cfg";
 const char kFactory16[] = "/phone/factory/user/voip/sipAccount16.cfg";
 const char kDirectory[] = "<dir>";  // a directory where a file is expected: copies to or from it fail
 
-std::string account(const std::string& label, const char* flag = "1") {
+static std::string account(const std::string& label, const char* flag = "1") {
     return "[account]\nLabel=" + label + "\ndirectip = " + flag + "\n";
 }
-
-}  // namespace
 
 class DirectIpAccount : public PhoneRoot {
 protected:
@@ -26,75 +22,54 @@ protected:
 };
 
 TEST_F(DirectIpAccount, GatherMovesTheHighestFlaggedAccountAndKeepsWhatDidNotCopy) {
-    struct {
-        const char* what;
-        std::map<int, std::string> accounts;
-        const char* directIpBefore;
-        std::string directIpAfter;  // empty: no direct-IP file
-        std::vector<int> remaining;
-    } cases[] = {
-        {"3 and 7 flagged, 5 holds 2", {{3, account("a3")}, {5, account("a5", "2")}, {7, account("a7")}}, nullptr,
-         account("a7"), {5}},
-        {"16 flagged", {{2, account("a2")}, {16, account("a16")}}, nullptr, account("a16"), {}},
-        {"no flag", {{0, "[account]\n"}, {4, account("a4", "0")}}, "[old]\n", "[old]\n", {0, 4}},
-        {"destination not writable", {{4, account("a4")}, {9, account("a9")}}, kDirectory, "", {4, 9}},
+    // Account files, the direct-IP file before and after ("": none), the account files left as they were.
+    struct { std::map<int, std::string> accounts; const char* before; std::string after; std::vector<int> left; }
+    cases[] = {
+        {{{0, account("a0")}, {5, account("a5", "2")}, {16, account("a16")}}, nullptr, account("a16"), {5}},
+        {{{0, "[account]\n"}, {4, account("a4", "0")}}, "[old]\n", "[old]\n", {0, 4}},
+        {{{4, account("a4")}, {9, account("a9")}}, kDirectory, "", {4, 9}},  // the destination is not writable
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
+        fresh();
         for (const auto& [n, text] : c.accounts) write(accountFilePath(n), text);
-        place(kDirectIp, c.directIpBefore);
+        place(kDirectIp, c.before);
         runStep(gatherDirectIpAccount);
 
-        std::vector<int> remaining;
+        std::vector<int> left;
         for (const auto& [n, text] : c.accounts)
-            if (exists(accountFilePath(n)) && read(accountFilePath(n)) == text) remaining.push_back(n);
-        EXPECT_EQ(remaining, c.remaining) << c.what;
-        EXPECT_EQ(read(kDirectIp), c.directIpAfter) << c.what;
+            if (read(accountFilePath(n)) == text) left.push_back(n);
+        EXPECT_EQ(left, c.left) << c.after;
+        EXPECT_EQ(read(kDirectIp), c.after);
         // A failed copy is logged once by the store, naming both files.
         EXPECT_EQ(log().find("Cannot copy [" + accountFilePath(9) + "] to [" + kDirectIp + "]") != std::string::npos,
-                  c.directIpBefore == kDirectory) << c.what;
+                  c.before == kDirectory);
     }
 }
 
 TEST_F(DirectIpAccount, InstallPrefersTheDirectIpFileThenTheFactoryCopy) {
     // One mark goes from keys in sections only; a blank after the mark is spacing.
     const char* factory = "top=?x\n[account]\nLabel=?abc\nUser=??x\nPass=?\nHost=a?b\n; ?c\nSp = ? s\r\n[b]\nj=?y";
-    const char* own = "[account]\nLabel=?own\n";
-    struct {
-        const char* what;
-        const char* directIp;
-        const char* factory;
-        std::string account16After;
-        bool directIpStays;
-    } cases[] = {
-        {"direct-IP file", "[account]\nLabel=?abc\n", factory, "[account]\nLabel=?abc\n", false},
-        {"factory copy", nullptr, factory,
+    const char *own = "[account]\nLabel=?own\n", *direct = "[account]\nLabel=?abc\n";
+    // Account file 16, the direct-IP file and the factory copy before; account file 16 after.
+    struct { const char* what; const char *before, *directIp, *factory; std::string after; bool directIpStays; }
+    cases[] = {
+        {"direct-IP file", own, direct, factory, direct, false},
+        {"factory copy", own, nullptr, factory,
          "top=?x\n[account]\nLabel=abc\nUser=?x\nPass=\nHost=a?b\n; ?c\nSp = s\r\n[b]\nj=y", false},
-        {"neither", nullptr, nullptr, own, false},
-        {"direct-IP copy fails", kDirectory, factory, own, true},
-        {"factory copy fails", nullptr, kDirectory, own, false},
+        {"neither", own, nullptr, nullptr, own, false},
+        {"direct-IP file unreadable", own, kDirectory, factory, own, true},
+        {"account file 16 unwritable", kDirectory, direct, factory, "", true},
+        {"factory copy fails", own, nullptr, kDirectory, own, false},
     };
     for (const auto& c : cases) {
-        TearDown();
-        SetUp();
-        write(accountFilePath(16), own);
+        fresh();
+        place(accountFilePath(16), c.before);
         place(kDirectIp, c.directIp);
         place(kFactory16, c.factory);
         runStep(installDirectIpAccount);
 
-        EXPECT_EQ(read(accountFilePath(16)), c.account16After) << c.what;
+        EXPECT_EQ(read(accountFilePath(16)), c.after) << c.what;
         EXPECT_EQ(exists(kDirectIp), c.directIpStays) << c.what;
-        if (c.factory == factory) {
-            EXPECT_EQ(read(kFactory16), factory) << c.what;  // the factory set is only read
-        }
+        EXPECT_EQ(read(kFactory16), c.factory == factory ? factory : "") << "the factory set is only read";
     }
-}
-
-TEST_F(DirectIpAccount, StripValueMarksSavesOnlyAFileItCouldLoad) {
-    makeDir("/config/unreadable.cfg");
-    for (const char* path : {"", "/config/missing.cfg", "/config/unreadable.cfg"})
-        EXPECT_EQ(stripValueMarks(path), 0) << path;
-    commit();
-    EXPECT_FALSE(exists("/config/missing.cfg"));
 }

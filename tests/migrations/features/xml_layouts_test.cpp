@@ -6,12 +6,11 @@ using XmlLayouts = PhoneRoot;
 
 TEST_F(XmlLayouts, KeyLayoutsGetDerivedAttributesInFilesWithTheirRoot) {
     const char* keys = "<dsskey><item type=\"47\"><itemdata line=\"2\" xml_phonebook=\"5\" label=\"a\"/></item>"
-                       "<item type=\"22\"><itemdata label=\"b\"/></item>"
-                       "<item type=\"28\"><itemdata line=\"3\"/></item>"
+                       "<item type=\"22\"><itemdata label=\"b\"/></item><item type=\"28\"><itemdata line=\"3\"/></item>"
                        "<item type=\"16\"><itemdata extension=\"21\"/></item>"
-                       "<item type=\"55\"><itemdata pickup_value=\"o\"/></item><item type=\"14\"/>"
-                       "<item type=\"15\"><itemdata line=\"1\"/></item><item><itemdata/></item>"
-                       "<group><item type=\"22\"><itemdata/></item></group><key type=\"22\"><itemdata/></key></dsskey>";
+                       "<item type=\"55\"><itemdata pickup_value=\"o\"/></item><item type=\"15\"><itemdata line=\"1\"/>"
+                       "</item><group><item type=\"22\"><itemdata/></item></group><key type=\"22\"><itemdata/></key>"
+                       "</dsskey>";
     const char* migrated =
         "<?xml version=\"1.0\"?>\n<dsskey>\n"
         "\t<item type=\"47\">\n\t\t<itemdata line=\"2\" xml_phonebook=\"2\" label=\"a\" />\n\t</item>\n"
@@ -19,8 +18,7 @@ TEST_F(XmlLayouts, KeyLayoutsGetDerivedAttributesInFilesWithTheirRoot) {
         "\t<item type=\"28\">\n\t\t<itemdata line=\"3\" history_type=\"3\" />\n\t</item>\n"
         "\t<item type=\"16\">\n\t\t<itemdata extension=\"21\" pickup_value=\"21\" />\n\t</item>\n"
         "\t<item type=\"55\">\n\t\t<itemdata pickup_value=\"\" />\n\t</item>\n"
-        "\t<item type=\"14\" />\n\t<item type=\"15\">\n\t\t<itemdata line=\"1\" />\n\t</item>\n"
-        "\t<item>\n\t\t<itemdata />\n\t</item>\n"
+        "\t<item type=\"15\">\n\t\t<itemdata line=\"1\" />\n\t</item>\n"
         "\t<group>\n\t\t<item type=\"22\">\n\t\t\t<itemdata />\n\t\t</item>\n\t</group>\n"
         "\t<key type=\"22\">\n\t\t<itemdata />\n\t</key>\n</dsskey>\n";
     struct { const char* path; const char* before; const char* after; } cases[] = {
@@ -47,13 +45,12 @@ TEST_F(XmlLayouts, TalkingSoftkeyRootIsRenamedOnce) {
         {nullptr, "", noFile, 0},
     };
     for (const auto& c : cases) {
-        SetUp();
+        fresh();
         if (c.before) write("/config/softkey/Talking.xml", c.before);
         testing::internal::CaptureStdout();
         EXPECT_EQ(renameTalkingSoftkey(), c.result);
-        commit();
+        store::commit();
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
         EXPECT_EQ(read("/config/softkey/Talking.xml"), c.after);
-        TearDown();
     }
 }

@@ -126,16 +126,24 @@ bool initCrypto() {
 
 using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
 
-// AES-256-GCM; the prefix is bound in as associated data. out gets n bytes.
+// Starts AES-256-GCM in one direction (1 encrypt, 0 decrypt) with the prefix bound in
+// as associated data, so a value cannot be moved under another prefix. Null on failure.
+CipherContext startGcm(const Key& key, const unsigned char* nonce, int encrypt) {
+    CipherContext ctx(initCrypto() ? EVP_CIPHER_CTX_new() : nullptr, EVP_CIPHER_CTX_free);
+    int len = 0;
+    if (ctx && EVP_CipherInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce, encrypt) == 1 &&
+        EVP_CipherUpdate(ctx.get(), nullptr, &len, reinterpret_cast<const unsigned char*>(kPrefix),
+                         static_cast<int>(kPrefixLength)) == 1)
+        return ctx;
+    return CipherContext(nullptr, EVP_CIPHER_CTX_free);
+}
+
+// out gets n bytes of cipher text, tag the tag.
 bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* plain, int n, unsigned char* out,
                 unsigned char* tag) {
-    if (!initCrypto()) return false;
-    CipherContext ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    CipherContext ctx = startGcm(key, nonce, 1);
     int len = 0;
-    return ctx && EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce) == 1 &&
-           EVP_EncryptUpdate(ctx.get(), nullptr, &len, reinterpret_cast<const unsigned char*>(kPrefix),
-                             static_cast<int>(kPrefixLength)) == 1 &&
-           EVP_EncryptUpdate(ctx.get(), out, &len, plain, n) == 1 &&
+    return ctx && EVP_EncryptUpdate(ctx.get(), out, &len, plain, n) == 1 &&
            EVP_EncryptFinal_ex(ctx.get(), out + len, &len) == 1 &&
            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagLength), tag) == 1;
 }
@@ -143,13 +151,9 @@ bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char*
 // The reverse of encryptGcm; false when the tag does not match.
 bool decryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* sealed, int n,
                 const unsigned char* tag, unsigned char* out) {
-    if (!initCrypto()) return false;
-    CipherContext ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    CipherContext ctx = startGcm(key, nonce, 0);
     int len = 0;
-    return ctx && EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce) == 1 &&
-           EVP_DecryptUpdate(ctx.get(), nullptr, &len, reinterpret_cast<const unsigned char*>(kPrefix),
-                             static_cast<int>(kPrefixLength)) == 1 &&
-           EVP_DecryptUpdate(ctx.get(), out, &len, sealed, n) == 1 &&
+    return ctx && EVP_DecryptUpdate(ctx.get(), out, &len, sealed, n) == 1 &&
            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagLength),
                                const_cast<unsigned char*>(tag)) == 1 &&
            EVP_DecryptFinal_ex(ctx.get(), out + len, &len) == 1;

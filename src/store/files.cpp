@@ -94,6 +94,24 @@ int syncDirectory(const std::string& dir) {
     return err;
 }
 
+// Every entry but "." and ".."; returns 0 or the errno that stopped the listing.
+// readdir gives null both at the end and on an error (EOVERFLOW on a 32-bit build
+// without large-file support, EIO): only errno tells them apart.
+int listPhysical(const std::string& dir, std::vector<std::string>& names) {
+    DIR* d = opendir(dir.c_str());
+    if (!d) return errno;
+    for (;;) {
+        errno = 0;
+        dirent* entry = readdir(d);
+        if (!entry) break;
+        std::string name = entry->d_name;
+        if (name != "." && name != "..") names.push_back(std::move(name));
+    }
+    int err = errno;
+    closedir(d);
+    return err;
+}
+
 bool isOurTempFile(const std::string& name) {
     size_t marker = sizeof kTempMarker - 1;
     return name.size() > 1 + marker + kTempSuffixLength && name[0] == '.' &&
@@ -115,17 +133,15 @@ std::string logicalOf(const std::string& physical) {
 void removeStaleTempFiles(const std::string& dir) {
     static std::set<std::string> cleaned;
     if (!cleaned.insert(dir).second) return;
-    DIR* d = opendir(dir.c_str());
-    if (!d) {
-        if (errno != ENOENT && errno != ENOTDIR) logFailure("list", logicalOf(dir), errno);
+    std::vector<std::string> names;
+    int err = listPhysical(dir, names);
+    if (err) {
+        if (err != ENOENT && err != ENOTDIR) logFailure("list", logicalOf(dir), err);
         return;
     }
     bool removed = false;
-    while (dirent* entry = readdir(d)) {
-        std::string name = entry->d_name;
+    for (const std::string& name : names)
         if (isOurTempFile(name) && unlink((dir + "/" + name).c_str()) == 0) removed = true;
-    }
-    closedir(d);
     if (removed) syncDirectory(dir);
 }
 
@@ -267,18 +283,9 @@ bool removeFile(const std::string& logical) {
 
 bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
     auto path = physicalPath(logical);
-    DIR* dir = path ? opendir(path->c_str()) : nullptr;
-    if (!dir) {
-        int err = path ? errno : EINVAL;
-        if (err != ENOENT && err != ENOTDIR) logFailure("list", logical, err);
-        return false;
-    }
-    while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") names.push_back(std::move(name));
-    }
-    closedir(dir);
-    return true;
+    int err = path ? listPhysical(*path, names) : EINVAL;
+    if (err && err != ENOENT && err != ENOTDIR) logFailure("list", logical, err);
+    return err == 0;
 }
 
 }  // namespace store::fs

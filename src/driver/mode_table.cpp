@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "certs/certs.h"
 #include "driver/driver.h"
@@ -40,6 +41,7 @@ const Step kRunTable[] = {
     {"syslog",                    [] { migrateSyslog(); },           Gate::kVersionRecord, {false, false, false, false, true,  false}},
     {"install direct-IP account", [] { installDirectIpAccount(); },  Gate::kNone,          {false, false, false, false, true,  false}},
     {"talking softkey",           [] { renameTalkingSoftkey(); },    Gate::kNone,          {false, false, false, false, true,  false}},
+    {"remove installed direct-IP",[] { removeInstalledDirectIpFile(); }, Gate::kNone,      {false, false, false, false, true,  false}},
 };
 
 Mode parseMode(const char* text) {
@@ -58,6 +60,29 @@ bool recordingGateOpen() {
 }
 
 bool versionRecordExists() { return ETL_MiscHelper::pathFileExist("/tmp/VersionInfo.cfg") != 0; }
+
+// Runs one step and makes its changes durable before the next step starts. Nothing a
+// step meets may end the run: an exception (std::bad_alloc on input too large to hold,
+// included) ends that step alone, with one line saying which, and what it completed is
+// still committed, since every change the store holds is whole.
+void runGuarded(const Step& step) {
+    const char* what = nullptr;
+    try {
+        step.run();
+    } catch (const std::exception& e) {
+        what = e.what();
+    } catch (...) {
+        what = "unknown exception";
+    }
+    if (what) ETL_TraceHelper::etlTrace(3, "Step [%s] stopped: %s", step.name, what);
+    try {
+        store::commit();
+    } catch (const std::exception& e) {
+        ETL_TraceHelper::etlTrace(3, "Step [%s] not saved: %s", step.name, e.what());
+    } catch (...) {
+        ETL_TraceHelper::etlTrace(3, "Step [%s] not saved: unknown exception", step.name);
+    }
+}
 
 }  // namespace
 
@@ -80,9 +105,7 @@ int runUpgrade(int argc, char** argv) {
             open = versionRecord == 1;
         }
         if (!open) continue;
-        step.run();
-        // Each step's changes are durable before the next step starts.
-        store::commit();
+        runGuarded(step);
     }
     std::fflush(stdout);
     return 0;

@@ -6,6 +6,7 @@
 #include <deque>
 #include <utility>
 
+#include "platform/log.h"
 #include "store/documents.h"
 #include "store/files.h"
 
@@ -30,6 +31,18 @@ std::optional<std::string_view> findValue(const store::IniPtr& text, std::string
 template <typename Change>
 bool changeFile(const std::string& file, Change change) {
     return store::updateIni(file, change);
+}
+
+// A set refused because the text could not be read back the same: the file stays as
+// it is, and the log says where, never what (the value may be a password).
+void reportRefusedSet(std::string_view file, std::string_view section, std::string_view key) {
+    app_log(60, 4, "Cannot set [%.*s] section [%.*s] key [%.*s]: it would not read back the same\n",
+            static_cast<int>(file.size()), file.data(), static_cast<int>(section.size()), section.data(),
+            static_cast<int>(key.size()), key.data());
+}
+
+bool isWritableSet(std::string_view section, std::string_view key, std::string_view value) {
+    return IniText::isWritableName(section, ']') && IniText::isWritableName(key, '=') && IniText::isWritableValue(value);
 }
 
 int getInt(const std::string& file, const std::string& section, const std::string& key, int def) {
@@ -86,7 +99,11 @@ HREGISTRY registryOpen(const std::string& file, const std::string& section) {
 }
 
 bool registrySetString(HREGISTRY handle, const std::string& key, const std::string& text) {
-    if (!handle || !IniText::isWritableName(key, '=') || !IniText::isWritableValue(text)) return false;
+    if (!handle) return false;
+    if (!isWritableSet(handle->section, key, text)) {
+        reportRefusedSet(handle->file, handle->section, key);
+        return false;
+    }
     for (auto& entry : handle->pending)
         if (entry.first == key) {
             entry.second = text;
@@ -155,9 +172,10 @@ ETL_StringHelper::chReferenceStringT<char> iniDocument::GetTextValue(phraseConst
 
 int iniDocument::SetTextValue(phraseConstTextA section, phraseConstTextA key, phraseConstTextA value) {
     // Refused exactly when the text itself would refuse it, so the save cannot fail on it.
-    if (!IniText::isWritableName(section, ']') || !IniText::isWritableName(key, '=') ||
-        !IniText::isWritableValue(value))
+    if (!isWritableSet(section, key, value)) {
+        reportRefusedSet(path_, section, key);
         return 0;
+    }
     for (auto& set : pending_)
         if (set.section == section && set.key == key) {
             set.value = value;
@@ -186,12 +204,12 @@ int iniFile::LoadFromFile(const std::string& path) {
     if (!loaded) return 0;
     text_ = std::move(loaded);
     pending_.clear();
-    loadedPath_ = path;
+    path_ = path;
     return 1;
 }
 
 int iniFile::SaveToFile(const char* path) {
-    std::string target = path ? path : loadedPath_;
+    std::string target = path ? path : path_;
     if (target.empty()) return 0;
     store::IniPtr saved = store::saveIni(target, text_, pending_);
     if (!saved) return 0;
@@ -212,7 +230,9 @@ int pathFileExist(const std::string& path) { return store::iniExists(path) ? 1 :
 
 namespace store {
 
-bool commit() { return commitStep(); }
+bool commit() { return commitFiles(); }
+
+bool unreadable(const std::string& logical) { return iniUnreadable(logical); }
 
 bool copyFile(const std::string& dst, const std::string& src) {
     commitFiles();
@@ -226,14 +246,16 @@ bool removeFile(const std::string& logical) {
     return fs::removeFile(logical);
 }
 
-bool readFile(const std::string& logical, std::string& bytes) {
+bool readFile(const std::string& logical, std::string& bytes, fs::FileKind kind) {
     std::string scratch;
     if (const std::string* pending = pendingBytes(logical, scratch)) {
         bytes = *pending;
         return true;
     }
-    return fs::readFile(logical, bytes);
+    return fs::readFile(logical, bytes, kind) == 0;
 }
+
+bool mayWrite(const std::string& logical) { return fs::mayWrite(logical); }
 
 bool writeFile(const std::string& logical, const std::string& bytes) {
     commitFiles();

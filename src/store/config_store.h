@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "store/documents.h"
+#include "store/files.h"
 #include "store/ini_text.h"
 
 // ---------------------------------------------------------------- text
@@ -66,6 +67,7 @@ public:
     ETL_StringHelper::chReferenceStringT<char> GetTextValue(phraseConstTextA section, phraseConstTextA key,
                                                             const std::string& def) const;
     // Non-zero when the value was stored in the document; creates a missing section or key.
+    // A name or value that would not read back the same is refused and logged (never the value).
     int SetTextValue(phraseConstTextA section, phraseConstTextA key, phraseConstTextA value);
     // Top-level nodes in file order, for walking: sections are type 3, keys type 2.
     std::vector<iniObject*> objects();
@@ -76,6 +78,7 @@ protected:
     // it until the save, so setting a key never copies the file.
     std::shared_ptr<const IniText> text_;
     std::vector<store::PendingValue> pending_;
+    std::string path_;  // the file last loaded: where a save without a path goes
 
 private:
     const store::PendingValue* pendingFor(phraseConstTextA section, phraseConstTextA key) const;
@@ -91,9 +94,6 @@ public:
     // Null: the path last loaded. Non-zero on success.
     int SaveToFile(const char* path = nullptr);
     int SaveToFile(const std::string& path) { return SaveToFile(path.c_str()); }
-
-private:
-    std::string loadedPath_;
 };
 
 }  // namespace ETL_FileHelper
@@ -110,6 +110,10 @@ namespace store {
 // Makes every pending change durable. The driver calls it after each step.
 bool commit();
 
+// True when the file exists but cannot be read. Reads of it give their defaults and
+// sets to it are refused; a step whose item would rest on such defaults skips it.
+bool unreadable(const std::string& logical);
+
 // Copies src over dst, replacing it atomically; true when the copy landed. Pending
 // changes are committed first, so the copy carries them and nothing that a later
 // removal depends on is still only in memory.
@@ -119,7 +123,11 @@ bool copyFile(const std::string& dst, const std::string& src);
 bool removeFile(const std::string& logical);
 
 // Raw bytes of a file (XML, certificates), including changes not yet committed.
-bool readFile(const std::string& logical, std::string& bytes);
+bool readFile(const std::string& logical, std::string& bytes, fs::FileKind kind = fs::FileKind::kCopy);
+
+// True when the file may be written: inside a writable area, not behind a link that
+// leads out of it. A refusal is logged once.
+bool mayWrite(const std::string& logical);
 
 // Replaces a file with raw bytes through the atomic writer.
 bool writeFile(const std::string& logical, const std::string& bytes);

@@ -1,8 +1,8 @@
 #include "store/documents.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -13,17 +13,22 @@ namespace store {
 namespace {
 
 struct CachedFile {
+    std::string logical;  // the spelling first used: the path written and named in messages
     // Current content; null: no such file. Held mutable so a change nobody else
     // can see is made in place; readers get it as IniPtr, read-only.
     std::shared_ptr<ETL_FileHelper::IniText> text;
     bool unreadable = false; // exists but could not be read: never written over
+    bool writable = false;   // may be written (known once a change is asked for)
+    bool writableKnown = false;
     bool dirty = false;
 };
 
 struct Cache {
+    // Keyed by the file's identity (its resolved directory and name), so that every
+    // spelling of one file, through "..", a link or a doubled slash, shares one entry.
     std::unordered_map<std::string, CachedFile> files;
-    std::vector<std::string> dirtyOrder;
-    bool readFailed = false;  // this step read a file that exists but could not be read
+    std::unordered_map<std::string, std::string> keys;  // spelling -> identity, for one step
+    std::vector<std::string> dirtyOrder;                 // identities
 };
 
 // Created on first use, gone with the process.
@@ -32,69 +37,73 @@ Cache& cache() {
     return c;
 }
 
-CachedFile& entryFor(const std::string& logical) {
+// The identity of a spelling; a path that cannot be resolved keys by its spelling.
+const std::string& keyOf(const std::string& logical) {
+    auto& keys = cache().keys;
+    auto it = keys.find(logical);
+    if (it != keys.end()) return it->second;
+    std::optional<std::string> id = fs::identity(logical);
+    return keys.emplace(logical, id ? *id : "?" + fs::canonicalPath(logical)).first->second;
+}
+
+// The entry of a usable path (absolute), read on first use; null otherwise.
+CachedFile* entryFor(const std::string& logical) {
+    if (logical.empty() || logical.front() != '/') return nullptr;
+    const std::string& key = keyOf(logical);
     auto& files = cache().files;
-    auto it = files.find(logical);
-    if (it != files.end()) return it->second;
+    auto it = files.find(key);
+    if (it != files.end()) return &it->second;
     CachedFile entry;
+    entry.logical = logical;
     // The bytes are dropped once parsed: the writer compares with the file itself, so
     // the cache holds each file once, as lines.
     std::string bytes;
-    if (fs::readFile(logical, bytes)) {
+    int err = fs::readFile(logical, bytes, fs::FileKind::kIni);
+    if (!err)
         entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(bytes));
-    } else {
-        entry.unreadable = fs::pathExists(logical);
-    }
-    return files.emplace(logical, std::move(entry)).first->second;
-}
-
-bool directoryExists(const std::string& logical) {
-    size_t slash = logical.rfind('/');
-    std::string dir = slash == 0 ? "/" : logical.substr(0, slash);
-    auto physical = fs::physicalPath(dir);
-    struct stat st;
-    return physical && stat(physical->c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    else
+        entry.unreadable = err != ENOENT;
+    return &files.emplace(key, std::move(entry)).first->second;
 }
 
 // The entry of a file that may be changed, or null: see storeIni.
 CachedFile* changeableEntry(const std::string& logical) {
-    auto it = cache().files.find(logical);
-    if (it == cache().files.end() && !fs::physicalPath(logical)) return nullptr;
-    CachedFile& entry = it != cache().files.end() ? it->second : entryFor(logical);
-    if (entry.unreadable || (!entry.text && !directoryExists(logical))) return nullptr;
-    return &entry;
+    CachedFile* entry = entryFor(logical);
+    if (!entry || entry->unreadable) return nullptr;
+    if (!entry->writableKnown) {
+        entry->writable = fs::mayWrite(entry->logical);
+        entry->writableKnown = true;
+    }
+    return entry->writable ? entry : nullptr;
 }
 
-void markChanged(const std::string& logical, CachedFile& entry) {
-    if (!entry.dirty) cache().dirtyOrder.push_back(logical);
+void markChanged(CachedFile& entry) {
+    if (!entry.dirty) cache().dirtyOrder.push_back(keyOf(entry.logical));
     entry.dirty = true;
 }
 
 }  // namespace
 
-IniPtr loadIni(const std::string& path) {
-    const std::string logical = fs::canonicalPath(path);
-    // A file already known needs no path check: only usable paths get an entry.
-    auto& files = cache().files;
-    auto it = files.find(logical);
-    if (it == files.end() && !fs::physicalPath(logical)) return nullptr;
-    CachedFile& entry = it != files.end() ? it->second : entryFor(logical);
-    if (entry.unreadable) cache().readFailed = true;
-    return entry.text;
+IniPtr loadIni(const std::string& logical) {
+    CachedFile* entry = entryFor(logical);
+    return entry ? entry->text : nullptr;
 }
 
-bool storeIni(const std::string& path, IniPtr text) {
-    const std::string logical = fs::canonicalPath(path);
+bool iniUnreadable(const std::string& logical) {
+    CachedFile* entry = entryFor(logical);
+    return entry && entry->unreadable;
+}
+
+bool storeIni(const std::string& logical, IniPtr text) {
     CachedFile* entry = text ? changeableEntry(logical) : nullptr;
     if (!entry) return false;
     // Every text is made mutable by the store or a document, so this takes back no promise.
     entry->text = std::const_pointer_cast<ETL_FileHelper::IniText>(std::move(text));
-    markChanged(logical, *entry);
+    markChanged(*entry);
     return true;
 }
 
-bool updateIni(const std::string& path, const std::function<bool(ETL_FileHelper::IniText&)>& change) {
-    const std::string logical = fs::canonicalPath(path);
+bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelper::IniText&)>& change) {
     CachedFile* entry = changeableEntry(logical);
     if (!entry) return false;
     auto target = entry->text && entry->text.use_count() == 1
@@ -102,12 +111,11 @@ bool updateIni(const std::string& path, const std::function<bool(ETL_FileHelper:
                       : std::make_shared<ETL_FileHelper::IniText>(entry->text ? *entry->text : ETL_FileHelper::IniText());
     if (!change(*target)) return false;
     entry->text = std::move(target);
-    markChanged(logical, *entry);
+    markChanged(*entry);
     return true;
 }
 
-IniPtr saveIni(const std::string& path, const IniPtr& base, const std::vector<PendingValue>& values) {
-    const std::string logical = fs::canonicalPath(path);
+IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector<PendingValue>& values) {
     CachedFile* entry = base ? changeableEntry(logical) : nullptr;
     if (!entry) return nullptr;
     std::shared_ptr<ETL_FileHelper::IniText> target;
@@ -119,31 +127,25 @@ IniPtr saveIni(const std::string& path, const IniPtr& base, const std::vector<Pe
         target = std::make_shared<ETL_FileHelper::IniText>(*base);
     for (const PendingValue& v : values) target->set(v.section, v.key, v.value);
     entry->text = target;
-    markChanged(logical, *entry);
+    markChanged(*entry);
     return target;
 }
 
 bool iniExists(const std::string& logical) {
-    auto& files = cache().files;
-    auto it = files.find(fs::canonicalPath(logical));
-    if (it != files.end() && (it->second.text || it->second.unreadable)) return true;
+    auto it = cache().files.find(keyOf(logical));
+    if (it != cache().files.end() && (it->second.text || it->second.unreadable)) return true;
     return fs::pathExists(logical);
 }
 
 bool commitFiles() {
     Cache& c = cache();
-    if (c.readFailed) {
-        for (const std::string& logical : c.dirtyOrder) c.files.erase(logical);
-        c.dirtyOrder.clear();
-        return false;
-    }
     bool ok = true;
-    for (const std::string& logical : c.dirtyOrder) {
-        auto it = c.files.find(logical);
+    for (const std::string& key : c.dirtyOrder) {
+        auto it = c.files.find(key);
         if (it == c.files.end() || !it->second.dirty) continue;
         CachedFile& entry = it->second;
         // The writer leaves a file alone when it already holds these bytes.
-        if (fs::writeFileAtomically(logical, entry.text->serialize())) {
+        if (fs::writeFileAtomically(entry.logical, entry.text->serialize())) {
             entry.dirty = false;
         } else {
             c.files.erase(it);  // the next read takes the file as it is on disk
@@ -151,29 +153,29 @@ bool commitFiles() {
         }
     }
     c.dirtyOrder.clear();
-    return ok;
-}
-
-bool commitStep() {
-    bool ok = commitFiles();
-    cache().readFailed = false;
+    // Spellings are resolved again in the next step: this one may have made files.
+    c.keys.clear();
     return ok;
 }
 
 const std::string* pendingBytes(const std::string& logical, std::string& scratch) {
     auto& files = cache().files;
-    auto it = files.find(fs::canonicalPath(logical));
+    auto it = files.find(keyOf(logical));
     if (it == files.end() || !it->second.dirty) return nullptr;
     scratch = it->second.text->serialize();
     return &scratch;
 }
 
-void forgetFile(const std::string& logical) { cache().files.erase(fs::canonicalPath(logical)); }
+void forgetFile(const std::string& logical) {
+    cache().files.erase(keyOf(logical));
+    cache().keys.clear();
+}
 
 void discardAll() {
     cache().files.clear();
+    cache().keys.clear();
     cache().dirtyOrder.clear();
-    cache().readFailed = false;
+    fs::forgetRoot();
 }
 
 }  // namespace store

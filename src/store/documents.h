@@ -48,15 +48,15 @@ IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector
 // True when the file exists, or will once the pending changes are committed.
 bool iniExists(const std::string& logical);
 
+// True when the file exists but cannot be read (the failed read was logged once).
+// Such a file is never written over; a step may also skip an item that would rest on it.
+bool iniUnreadable(const std::string& logical);
+
 // Writes every changed file, in the order of their first change. False when a
 // write failed; that file is then read from disk again, so later reads see what
-// it really holds. Writes nothing, and drops the changes, when a file that exists
-// could not be read since the step began: the changes may rest on defaults that
-// stood in for settings the step could not see. The next run does the step again.
+// it really holds. A file that could not be read spoils nothing but its own
+// changes: those are refused when they are made.
 bool commitFiles();
-
-// Ends a step: commits, then forgets the failed reads of the step.
-bool commitStep();
 
 // The pending bytes of a changed file, for readers of raw bytes; null otherwise.
 const std::string* pendingBytes(const std::string& logical, std::string& scratch);

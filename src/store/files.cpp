@@ -3,14 +3,14 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
 #include <set>
+#include <utility>
 
 #include "platform/log.h"
 
@@ -18,60 +18,100 @@ namespace store::fs {
 
 namespace {
 
-const char kTempMarker[] = ".cfgupgrade-";
-const size_t kTempSuffixLength = 6;  // the XXXXXX of mkstemp
-
-std::string root() {
-    const char* env = std::getenv("CFGUPGRADE_ROOT");
-    std::string r = env ? env : "";
-    while (!r.empty() && r.back() == '/') r.pop_back();
-    return r;
-}
+// Temporary files are ".cfgupgrade-" and eight letters or digits: the same length for
+// every target, so any name the directory can hold can be written, and the clean-up of
+// a cut run removes that pattern and nothing else.
+const char kTempPrefix[] = ".cfgupgrade-";
+const size_t kTempPrefixLength = sizeof kTempPrefix - 1;
+const size_t kTempRandomLength = 8;
+const int kTempAttempts = 100;
 
 void logFailure(const char* what, const std::string& logical, int err) {
-    app_log(60, 4, "Cannot %s [%s]: %s\n", what, logical.c_str(), std::strerror(err));
+    app_log(60, 4, "Cannot %s [%s]: %s\n", what, logical.c_str(), describe(err));
 }
 
-std::string parentOf(const std::string& path) {
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
+std::string parentOf(const std::string& logical) {
+    size_t slash = logical.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : logical.substr(0, slash);
 }
 
-std::string baseOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-mode_t currentUmask() {
-    mode_t mask = umask(0);
-    umask(mask);
-    return mask;
-}
-
-// Reads a regular file whole; returns 0 or the errno that stopped it.
-int readPhysical(const std::string& path, std::string& bytes) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return errno;
-    struct stat st;
-    int err = fstat(fd, &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : !S_ISREG(st.st_mode) ? EINVAL : 0;
-    if (err) {
-        close(fd);
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    ~Fd() {
+        if (fd_ >= 0) close(fd_);
+    }
+    int get() const { return fd_; }
+    void reset(int fd) {
+        if (fd_ >= 0) close(fd_);
+        fd_ = fd;
+    }
+    // Closes now and says whether the close itself failed (a deferred write error).
+    int closeNow() {
+        int err = fd_ >= 0 && close(fd_) != 0 ? errno : 0;
+        fd_ = -1;
         return err;
     }
+
+private:
+    int fd_;
+};
+
+// Opens a file of `at` for reading. The type is looked at before the open, so a FIFO is
+// never waited on and a device is never opened, and again after it, on the descriptor.
+int openRegular(const Location& at, Fd& fd, struct stat& st) {
+    if (fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    if (at.ownFileOnly && !ownedAndGuarded(st)) return kUntrustedRecord;
+    if (S_ISDIR(st.st_mode)) return EISDIR;
+    if (!S_ISREG(st.st_mode)) return kNotRegularFile;
+    int opened = openat(at.dir, at.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (opened < 0) return errno;
+    fd.reset(opened);
+    struct stat now;
+    if (fstat(opened, &now) != 0) return errno;
+    if (now.st_dev != st.st_dev || now.st_ino != st.st_ino || !S_ISREG(now.st_mode)) return kNotRegularFile;
+    st = now;
+    return 0;
+}
+
+// Reads at most `limit` bytes; a longer file (one that grew, too) is refused whole.
+int readLimited(int fd, const struct stat& st, size_t limit, std::string& bytes) {
+    if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > limit) return EFBIG;
     bytes.clear();
     bytes.reserve(static_cast<size_t>(st.st_size));
     char buffer[16384];
     for (;;) {
         ssize_t n = read(fd, buffer, sizeof buffer);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            err = errno;
-            close(fd);
-            return err;
-        }
-        if (n == 0) break;
+        if (n < 0) return errno;
+        if (n == 0) return 0;
+        if (bytes.size() + static_cast<size_t>(n) > limit) return EFBIG;
         bytes.append(buffer, static_cast<size_t>(n));
     }
-    close(fd);
-    return 0;
+}
+
+int readAt(const Location& at, std::string& bytes, size_t limit, struct stat& st) {
+    Fd fd;
+    if (int err = openRegular(at, fd, st)) return err;
+    return readLimited(fd.get(), st, limit, bytes);
+}
+
+// True when the open file holds exactly `bytes`; read in pieces, so the comparison
+// costs no second copy of the file.
+bool holdsExactly(int fd, const struct stat& st, std::string_view bytes) {
+    if (static_cast<uint64_t>(st.st_size) != bytes.size()) return false;
+    char buffer[16384];
+    size_t seen = 0;
+    for (;;) {
+        ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n == 0 && seen == bytes.size();
+        if (seen + static_cast<size_t>(n) > bytes.size() || std::memcmp(buffer, bytes.data() + seen, static_cast<size_t>(n)) != 0)
+            return false;
+        seen += static_cast<size_t>(n);
+    }
 }
 
 int writeAll(int fd, std::string_view bytes) {
@@ -85,21 +125,55 @@ int writeAll(int fd, std::string_view bytes) {
     return 0;
 }
 
-// A rename or unlink is only durable once the directory that holds the name is synced.
-int syncDirectory(const std::string& dir) {
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return errno;
-    int err = fsync(fd) == 0 ? 0 : errno;
-    close(fd);
-    return err;
+bool isTempName(const char* name) {
+    if (std::strlen(name) != kTempPrefixLength + kTempRandomLength) return false;
+    if (std::strncmp(name, kTempPrefix, kTempPrefixLength) != 0) return false;
+    for (const char* c = name + kTempPrefixLength; *c; ++c)
+        if (!((*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9'))) return false;
+    return true;
 }
+
+// A temporary name nobody guesses by chance; O_EXCL makes a clash harmless, not fatal.
+std::string tempName() {
+    static uint64_t state = [] {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return static_cast<uint64_t>(now.tv_nsec) ^ (static_cast<uint64_t>(now.tv_sec) << 32) ^ static_cast<uint64_t>(getpid());
+    }();
+    static const char kChars[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    uint64_t z = (state += 0x9E3779B97F4A7C15ull);  // splitmix64
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    z ^= z >> 31;
+    std::string name = kTempPrefix;
+    for (size_t i = 0; i < kTempRandomLength; ++i, z /= 62) name += kChars[z % 62];
+    return name;
+}
+
+int createTemp(int dir, mode_t mode, std::string& name) {
+    for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
+        name = tempName();
+        int fd = openat(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+        if (fd >= 0 || errno != EEXIST) return fd < 0 ? -errno : fd;
+    }
+    return -EEXIST;
+}
+
+// A rename or unlink is only durable once the directory that holds the name is synced.
+int syncDirectory(int dir) { return fsync(dir) == 0 ? 0 : errno; }
 
 // Every entry but "." and ".."; returns 0 or the errno that stopped the listing.
 // readdir gives null both at the end and on an error (EOVERFLOW on a 32-bit build
 // without large-file support, EIO): only errno tells them apart.
-int listPhysical(const std::string& dir, std::vector<std::string>& names) {
-    DIR* d = opendir(dir.c_str());
-    if (!d) return errno;
+int listOpen(int dir, std::vector<std::string>& names) {
+    int own = openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (own < 0) return errno;
+    DIR* d = fdopendir(own);
+    if (!d) {
+        int err = errno;
+        close(own);
+        return err;
+    }
     for (;;) {
         errno = 0;
         dirent* entry = readdir(d);
@@ -112,179 +186,166 @@ int listPhysical(const std::string& dir, std::vector<std::string>& names) {
     return err;
 }
 
-bool isOurTempFile(const std::string& name) {
-    size_t marker = sizeof kTempMarker - 1;
-    return name.size() > 1 + marker + kTempSuffixLength && name[0] == '.' &&
-           name.compare(name.size() - kTempSuffixLength - marker, marker, kTempMarker) == 0;
-}
-
-// The logical form of a physical path under the root, for messages.
-std::string logicalOf(const std::string& physical) {
-    std::string r = root();
-    char resolved[PATH_MAX];
-    for (const std::string& prefix : {r, std::string(!r.empty() && realpath(r.c_str(), resolved) ? resolved : "")})
-        if (!prefix.empty() && physical.compare(0, prefix.size() + 1, prefix + "/") == 0) return physical.substr(prefix.size());
-    return physical;
-}
-
 // A run cut off by a power loss can leave a temporary file behind; it was never
 // renamed into place, so it holds nothing anybody needs. Done once per directory.
 // A directory that cannot be listed is reported; the write goes on without it.
-void removeStaleTempFiles(const std::string& dir) {
+void removeStaleTempFiles(int dir, const std::string& logicalDir) {
     static std::set<std::string> cleaned;
-    if (!cleaned.insert(dir).second) return;
+    if (!cleaned.insert(physicalPath(logicalDir).value_or(logicalDir)).second) return;
     std::vector<std::string> names;
-    int err = listPhysical(dir, names);
-    if (err) {
-        if (err != ENOENT && err != ENOTDIR) logFailure("list", logicalOf(dir), err);
+    if (int err = listOpen(dir, names)) {
+        logFailure("list", logicalDir, err);
         return;
     }
     bool removed = false;
     for (const std::string& name : names)
-        if (isOurTempFile(name) && unlink((dir + "/" + name).c_str()) == 0) removed = true;
+        if (isTempName(name.c_str()) && unlinkat(dir, name.c_str(), 0) == 0) removed = true;
     if (removed) syncDirectory(dir);
 }
 
-// A configuration file may be a link: the link stays, its target is replaced.
-// Under a root, a target that leaves the root is refused.
-int resolveTarget(const std::string& path, std::string& target) {
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
-        target = path;
-        return 0;
-    }
-    char resolved[PATH_MAX];
-    if (!realpath(path.c_str(), resolved)) return errno;
-    std::string r = root();
-    if (!r.empty()) {
-        char rootResolved[PATH_MAX];
-        if (!realpath(r.c_str(), rootResolved)) return errno;
-        std::string prefix = std::string(rootResolved) + "/";
-        if (std::string(resolved).compare(0, prefix.size(), prefix) != 0) return EXDEV;
-    }
-    target = resolved;
+// What the replaced file had and the new one must keep.
+struct Kept {
+    bool exists = false;
+    struct stat st {};
+};
+
+// Looks at what the name holds now. A non-file is never written over; a version record
+// that does not count is replaced without taking anything from it.
+int examineTarget(const Location& at, Kept& kept, std::string_view bytes, bool& unchanged) {
+    unchanged = false;
+    Fd fd;
+    int err = openRegular(at, fd, kept.st);
+    if (err == ENOENT || err == kUntrustedRecord) return 0;
+    if (err) return err;
+    kept.exists = true;
+    // Unchanged bytes are not written at all: flash wear, and the mtime stays.
+    unchanged = holdsExactly(fd.get(), kept.st, bytes);
     return 0;
 }
 
-// Replaces `target` with `bytes`: temporary file in the same directory, same mode
-// and owner, data synced, renamed over the target, directory synced. The original
+// Replaces the file of `at` with `bytes`: temporary file in the same directory, same
+// mode and owner, data synced, renamed over the name, directory synced. The original
 // is never moved away first, so the name always holds a complete file.
-int replaceFile(const std::string& target, std::string_view bytes, mode_t newFileMode) {
-    std::string dir = parentOf(target);
-    struct stat old;
-    bool exists = stat(target.c_str(), &old) == 0;
-    if (exists && !S_ISREG(old.st_mode)) return S_ISDIR(old.st_mode) ? EISDIR : EINVAL;
+int replaceFile(const Location& at, const std::string& logical, std::string_view bytes, mode_t newFileMode) {
+    Kept kept;
+    bool unchanged = false;
+    if (int err = examineTarget(at, kept, bytes, unchanged)) return err;
+    if (unchanged) return 0;
 
-    removeStaleTempFiles(dir);
-    std::string temp = dir + "/." + baseOf(target) + kTempMarker + std::string(kTempSuffixLength, 'X');
-    int fd = mkstemp(&temp[0]);
-    if (fd < 0) return errno;
+    removeStaleTempFiles(at.dir, parentOf(logical));
+    std::string temp;
+    // A new file is created with its final mode, so a default ACL of the directory
+    // applies as it would to any new file; a replacement starts private until it has
+    // the old file's owner and mode.
+    int created = createTemp(at.dir, kept.exists ? 0600 : newFileMode, temp);
+    if (created < 0) return -created;
+    Fd fd(created);
 
     int err = 0;
-    // mkstemp makes the file 0600; readers of the configuration need the old mode.
-    if (fchmod(fd, exists ? (old.st_mode & 07777) : newFileMode) != 0) err = errno;
-    if (!err && exists && (old.st_uid != geteuid() || old.st_gid != getegid()) &&
-        fchown(fd, old.st_uid, old.st_gid) != 0)
+    if (kept.exists && (kept.st.st_uid != geteuid() || kept.st.st_gid != getegid()) &&
+        fchown(fd.get(), kept.st.st_uid, kept.st.st_gid) != 0)
         err = errno;
-    if (!err) err = writeAll(fd, bytes);
+    if (!err && kept.exists && fchmod(fd.get(), kept.st.st_mode & 07777) != 0) err = errno;
+    if (!err) err = writeAll(fd.get(), bytes);
     // The data must be on the medium before the rename makes it the file; otherwise a
     // power cut after the rename could leave the name pointing at an empty file.
-    if (!err && fsync(fd) != 0) err = errno;
-    if (close(fd) != 0 && !err) err = errno;
-    if (!err && rename(temp.c_str(), target.c_str()) != 0) err = errno;
+    if (!err && fsync(fd.get()) != 0) err = errno;
+    int closed = fd.closeNow();
+    if (!err) err = closed;
+    if (!err && renameat(at.dir, temp.c_str(), at.dir, at.name.c_str()) != 0) err = errno;
     if (err) {
-        unlink(temp.c_str());
+        unlinkat(at.dir, temp.c_str(), 0);
         return err;
     }
     // The rename lives in the directory; until the directory is synced a power cut
     // may bring back the old name. The new content is complete either way.
-    return syncDirectory(dir);
+    return syncDirectory(at.dir);
 }
 
-bool sameContent(const std::string& path, std::string_view bytes) {
-    std::string current;
-    return readPhysical(path, current) == 0 && current == bytes;
-}
-
-int writePhysical(const std::string& logical, std::string_view bytes, mode_t newFileMode) {
-    auto path = physicalPath(logical);
-    if (!path) return EINVAL;
-    std::string target;
-    if (int err = resolveTarget(*path, target)) return err;
-    // Unchanged bytes are not written at all: flash wear, and the mtime stays.
-    if (sameContent(target, bytes)) return 0;
-    return replaceFile(target, bytes, newFileMode);
+int writeResolved(const std::string& logical, std::string_view bytes, mode_t newFileMode) {
+    Location at;
+    if (int err = resolve(logical, Access::kWrite, at)) return err;
+    return replaceFile(at, logical, bytes, at.privateFile ? 0600 : newFileMode);
 }
 
 }  // namespace
 
-std::optional<std::string> physicalPath(std::string_view logical) {
-    if (logical.empty() || logical.front() != '/') return std::nullopt;
-    for (size_t pos = 0; pos != std::string_view::npos;) {
-        size_t next = logical.find('/', pos + 1);
-        std::string_view part = logical.substr(pos + 1, next == std::string_view::npos ? next : next - pos - 1);
-        if (part == "..") return std::nullopt;
-        pos = next;
-    }
-    return root() + std::string(logical);
-}
+size_t sizeLimit(FileKind kind) { return kind == FileKind::kXml ? 8u << 20 : 4u << 20; }
 
-std::string canonicalPath(std::string_view logical) {
-    std::string out;
-    for (size_t pos = 0; pos < logical.size();) {
-        size_t next = std::min(logical.find('/', pos), logical.size());
-        std::string_view part = logical.substr(pos, next - pos);
-        if (part != "." && !(part.empty() && pos > 0)) out.append(part).append(next < logical.size() ? "/" : "");
-        pos = next + 1;
-    }
-    // A trailing slash is kept: "/a.ini/" names no file, "/a.ini" may.
-    if (!logical.empty() && logical.back() == '/' && (out.empty() || out.back() != '/')) out += '/';
-    return out;
-}
-
-bool readFile(const std::string& logical, std::string& bytes) {
-    auto path = physicalPath(logical);
-    if (!path) return false;
-    int err = readPhysical(*path, bytes);
-    if (err && err != ENOENT && err != ENOTDIR) logFailure("read", logical, err);
-    return err == 0;
+int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
+    Location at;
+    struct stat st;
+    int err = resolve(logical, Access::kRead, at);
+    if (!err) err = readAt(at, bytes, sizeLimit(kind), st);
+    if (err == ENOTDIR) err = ENOENT;
+    if (err && err != ENOENT) reportOnce("read", logical, err);
+    // A version record that does not count is absent, once its refusal is logged.
+    return err == kUntrustedRecord ? ENOENT : err;
 }
 
 bool pathExists(const std::string& logical) {
-    auto path = physicalPath(logical);
+    Location at;
+    int err = resolve(logical, Access::kRead, at);
+    if (err == kLinkLeavesArea) return true;  // something is there; reading it is refused
     struct stat st;
-    return path && stat(path->c_str(), &st) == 0;
+    if (err || fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    if (at.ownFileOnly && !ownedAndGuarded(st)) {
+        reportOnce("read", logical, kUntrustedRecord);
+        return false;
+    }
+    return true;
+}
+
+bool mayWrite(const std::string& logical) {
+    Location at;
+    int err = resolve(logical, Access::kWrite, at);
+    if (err < 0) reportOnce("write", logical, err);
+    return err == 0;
 }
 
 bool writeFileAtomically(const std::string& logical, std::string_view bytes) {
-    int err = writePhysical(logical, bytes, 0666 & ~currentUmask());
+    mode_t mask = umask(0);
+    umask(mask);
+    int err = writeResolved(logical, bytes, 0666 & ~mask);
     if (err) logFailure("write", logical, err);
     return err == 0;
 }
 
 bool copyFileAtomically(const std::string& dst, const std::string& src) {
-    auto from = physicalPath(src);
+    Location from;
     std::string bytes;
-    int err = from ? readPhysical(*from, bytes) : EINVAL;
-    struct stat st;
-    mode_t mode = from && stat(from->c_str(), &st) == 0 ? (st.st_mode & 0777) : 0666;
-    if (!err) err = writePhysical(dst, bytes, mode & ~currentUmask());
+    struct stat st {};
+    int err = resolve(src, Access::kRead, from);
+    if (!err) err = readAt(from, bytes, sizeLimit(FileKind::kCopy), st);
+    // A new copy gets its source's permissions, as cp gives them, unless it may hold a password.
+    mode_t mask = umask(0);
+    umask(mask);
+    if (!err) err = writeResolved(dst, bytes, st.st_mode & 0777 & ~mask);
     if (err)
-        app_log(60, 4, "Cannot copy [%s] to [%s]: %s\n", src.c_str(), dst.c_str(), std::strerror(err));
+        app_log(60, 4, "Cannot copy [%s] to [%s]: %s\n", src.c_str(), dst.c_str(), describe(err));
     return err == 0;
 }
 
 bool removeFile(const std::string& logical) {
-    auto path = physicalPath(logical);
-    int err = !path ? EINVAL : unlink(path->c_str()) != 0 ? errno : syncDirectory(parentOf(*path));
+    Location at;
+    struct stat st;
+    int err = resolve(logical, Access::kWrite, at);
+    if (!err && fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode)) err = EISDIR;
+    if (!err) err = unlinkat(at.dir, at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir);
     if (err && err != ENOENT) logFailure("remove", logical, err);
     return err == 0;
 }
 
 bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
-    auto path = physicalPath(logical);
-    int err = path ? listPhysical(*path, names) : EINVAL;
-    if (err && err != ENOENT && err != ENOTDIR) logFailure("list", logical, err);
+    int dir = -1;
+    int err = openDirectory(logical, dir);
+    if (!err) {
+        err = listOpen(dir, names);
+        close(dir);
+    }
+    std::string shown = logical;  // named as a directory is named in other lines: no trailing slash
+    while (shown.size() > 1 && shown.back() == '/') shown.pop_back();
+    if (err && err != ENOENT && err != ENOTDIR) logFailure("list", shown, err);
     return err == 0;
 }
 

@@ -1,31 +1,39 @@
 // The filesystem boundary. Every file the tool reads, lists, writes, copies or
 // removes goes through these functions, and they take logical paths: paths as the
-// phone sees them. physicalPath() is the one place that maps them to this machine.
+// phone sees them. store/paths.h says where each may lead; this file does the I/O.
 //
 // Failures other than a missing file are logged here, once, at module 60 level 4,
 // with the logical path and the system error; callers only look at the result.
 #pragma once
 
-#include <optional>
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "store/paths.h"
+
 namespace store::fs {
 
-// The directory named by CFGUPGRADE_ROOT stands for "/" (unset: the real "/").
-// Nullopt for a path that is not absolute or that contains a ".." component.
-std::optional<std::string> physicalPath(std::string_view logical);
+// What a file is read as; each kind has its own size limit (sizeLimit).
+enum class FileKind { kIni, kXml, kCopy };
 
-// The one spelling of a logical path that the store keys its knowledge by: repeated
-// slashes and "." components, which name the same file, are taken out.
-std::string canonicalPath(std::string_view logical);
+// 4 MiB for an INI file and for a file that is copied (account files, certificates, the
+// password key), 8 MiB for an XML file: far above any real one, low enough that no input
+// makes the process hold more than a few times that.
+size_t sizeLimit(FileKind kind);
 
-// Whole content of a regular file. False when it is missing or cannot be read.
-bool readFile(const std::string& logical, std::string& bytes);
+// Whole content of a regular file: 0, ENOENT for a missing file (and for a version
+// record that does not count, see paths.h), or why it cannot be read (logged). Opened
+// without blocking: a FIFO, device or socket is a file that cannot be read.
+int readFile(const std::string& logical, std::string& bytes, FileKind kind);
 
-// True when the path names anything: a file, a directory, a link to one of them.
+// True when the path names anything a read could find: a file, a directory, a link.
 bool pathExists(const std::string& logical);
+
+// True when the path may be written; a path outside the writable areas, or one whose
+// link leads out of its area, is refused with one logged line.
+bool mayWrite(const std::string& logical);
 
 // The one writer. Replaces the file with `bytes` so that a cut of power at any
 // moment leaves either the old or the new content, never a mix and never nothing.

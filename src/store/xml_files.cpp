@@ -1,6 +1,9 @@
 #include "store/xml_files.h"
 
+#include <algorithm>
+
 #include "store/config_store.h"
+#include "store/files.h"
 
 namespace store {
 
@@ -12,17 +15,48 @@ struct StringWriter : pugi::xml_writer {
     void write(const void* data, size_t size) override { bytes.append(static_cast<const char*>(data), size); }
 };
 
+const int kMaxXmlDepth = 256;
+
+// Element depth, counted without recursion: a deep file must not cost a deep stack.
+int depthOf(const pugi::xml_document& doc) {
+    int depth = 0, deepest = 0;
+    pugi::xml_node node = doc.first_child();
+    while (node) {
+        deepest = std::max(deepest, depth + 1);
+        if (node.first_child()) {
+            node = node.first_child();
+            ++depth;
+            continue;
+        }
+        while (node && !node.next_sibling()) {
+            node = node.parent();
+            --depth;
+            if (node == doc) return deepest;
+        }
+        if (node) node = node.next_sibling();
+    }
+    return deepest;
+}
+
 }  // namespace
 
 pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_document& doc) {
     std::string bytes;
-    if (!readFile(logical, bytes)) {
+    pugi::xml_parse_result refused;
+    refused.status = pugi::status_file_not_found;
+    if (!store::readFile(logical, bytes, fs::FileKind::kXml)) {
         doc.reset();
-        pugi::xml_parse_result missing;
-        missing.status = pugi::status_file_not_found;
-        return missing;
+        return refused;
     }
-    return doc.load_buffer(bytes.data(), bytes.size(), pugi::parse_default, pugi::encoding_auto);
+    pugi::xml_parse_result result = doc.load_buffer(bytes.data(), bytes.size(), pugi::parse_default, pugi::encoding_auto);
+    // No layout or rule file is nested anywhere near this deep; past it, saving with one
+    // tab per level would grow with the square of the depth.
+    if (result && depthOf(doc) > kMaxXmlDepth) {
+        fs::reportOnce("read", logical, fs::kTooDeep);
+        doc.reset();
+        return refused;
+    }
+    return result;
 }
 
 bool saveXmlFile(const std::string& logical, const pugi::xml_document& doc) {

@@ -9,7 +9,8 @@
 namespace store {
 
 // Parses the file as load_file(path, parse_default, encoding_auto) would; a missing or
-// unreadable file gives status_file_not_found.
+// unreadable file, one over 8 MiB, or one nested deeper than 256 elements gives
+// status_file_not_found (all but the missing one logged).
 pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_document& doc);
 
 // Writes the bytes save_file(path, "\t", format_indent, encoding_auto) would write,

@@ -47,7 +47,8 @@ bool hasDestination(const TranslateRule& rule) {
 bool applyRule(const TranslateRule& rule, bool lockOn) {
     std::string value = readRuleValue(rule, lockOn && rule.dstEncrypt);
     ETL_FileHelper::iniFile destination;
-    if (!destination.LoadFromFile(rule.dstFile)) {
+    // A destination outside the writable areas is one that cannot be loaded (logged once).
+    if (!store::mayWrite(rule.dstFile) || !destination.LoadFromFile(rule.dstFile)) {
         std::puts("Can's load user's inifile!");
         return false;
     }

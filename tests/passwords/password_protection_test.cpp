@@ -49,10 +49,12 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
     setenv("CFGUPGRADE_TRACE_LEVEL", "2", 1);
     const std::string longest(kPwDataLongestPlain, 'x'), p0 = protectedForm("secret0"), pin = protectedForm("2580"),
                       sys = protectedForm("syspw"), skipped = protectedForm("skip"), cut = protectedForm(longest),
-                      dflt = protectedForm("dflt"), tail(200 - cut.size(), 'T');
+                      dflt = protectedForm("dflt"), lead = protectedForm(" lead"), tail(200 - cut.size(), 'T');
     write(kList, R"(<list>
         <password account="1" section="account" key="password"/>
         <pin file="/config/user/user.ini" section="PhoneSetting" key="Pin"/>
+        <unreadable file="/config/user" section="PhoneSetting" key="Pin"/>
+        <lead file="/config/user/user.ini" section="PhoneSetting" key="Lead"/>
         <any file="/config/user/user.ini" section="PhoneSetting" key="Empty"/>
         <any file="/config/system/system.ini" section="S" key="Pw"/>
         <any file="/config/user/user.ini" section="PhoneSetting" key="Plain"/>
@@ -65,7 +67,7 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
     </list>)");
     for (int n : {0, 1, 4, 16}) write(accountFilePath(n), "[account]\npassword=" + p0 + "\n");
     write(kUser,
-          "[PhoneSetting]\nPin=" + pin + "\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + cut + tail + "\n");
+          "[PhoneSetting]\nPin=" + pin + "\nLead=" + lead + "\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + cut + tail + "\n");
     write("/config/system/system.ini", "[S]\nPw=" + sys + "\n");
 
     int result = -1;
@@ -77,13 +79,18 @@ TEST_F(PasswordProtection, EveryListedKeyIsReencodedInListOrder) {
                      "etlTrace[3] Fail to load file [/config/user/voip/sipAccount2.cfg] !!\n"
                      "etlTrace[3] Fail to load file [/config/user/voip/sipAccount3.cfg] !!\n"
                      "etlTrace[2] Decrypt:(" + pin + ")->(2580)\n"
+                     "app_log[60/4] Cannot read [/config/user]: Is a directory\n"
+                     "etlTrace[3] Fail to load file [/config/user] !!\n"
+                     "etlTrace[2] Decrypt:(" + lead + ")->( lead)\n"
+                     "app_log[60/4] Cannot set [/config/user/user.ini] section [PhoneSetting] key [Lead]: "
+                     "it would not read back the same\n"
                      "etlTrace[2] Decrypt:(" + sys + ")->(syspw)\n"
                      "etlTrace[2] Decrypt:(plain)->()\n"
                      "etlTrace[2] Decrypt:(" + cut + ")->(" + longest + ")\n"
                      "etlTrace[2] Decrypt:(" + dflt + ")->(dflt)\n");
     for (int n : {0, 1}) EXPECT_EQ(read(accountFilePath(n)), "[account]\npassword=secret0\n");
     for (int n : {4, 16}) EXPECT_EQ(read(accountFilePath(n)), "[account]\npassword=" + p0 + "\n");
-    EXPECT_EQ(read(kUser), "[PhoneSetting]\nPin=2580\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + longest +
+    EXPECT_EQ(read(kUser), "[PhoneSetting]\nPin=2580\nLead=" + lead + "\nEmpty=\nPlain=plain\nSkipped=" + skipped + "\nLong=" + longest +
                                "\nAbsent=dflt\n");
     EXPECT_EQ(read("/config/system/system.ini"), "[S]\nPw=syspw\n");
 }

@@ -5,6 +5,8 @@
 // failing disk would. The tool has no test hooks; everything happens here.
 //
 //   FAULT_OPS     kinds counted, comma separated: write,fsync,rename,unlink,mkstemp,opendir,read
+//                 (rename and unlink include renameat and unlinkat; mkstemp is the creation
+//                 of a file with O_CREAT|O_EXCL; opendir includes fdopendir)
 //   FAULT_AT      the counted call to act on, from 1 (unset: act on none, only record)
 //   FAULT_DO      cut: _exit(86) right after the call; tear: a write stops halfway, then
 //                 _exit(86); an errno name (ENOSPC, EIO, EACCES, EROFS): the call fails
@@ -16,10 +18,15 @@
 // the target's bytes then), "after" (the target's bytes when the failure is logged;
 // N counts temporary files left in its directory), "count" (calls of kind OP at exit).
 #define _GNU_SOURCE
+// The tool is built with 64-bit offsets, so it calls the "64" names (openat64,
+// mkstemp64, fstatat64); this file defines both names of each, spelt out.
+#undef _FILE_OFFSET_BITS
+#define _LARGEFILE64_SOURCE
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -41,6 +48,7 @@ static struct {
     int faulted;            // the failure happened and awaits its log line
     char target[4096];      // logical path the failed call was about
     char lastChanged[4096]; // the last path renamed or unlinked: what a directory fsync makes durable
+    char lastLooked[4096];  // the last file looked at or opened: the target of a new temporary file
 } s;
 
 static ssize_t (*realWrite)(int, const void*, size_t);
@@ -50,6 +58,13 @@ static int (*realRename)(const char*, const char*);
 static int (*realUnlink)(const char*);
 static int (*realMkstemp)(char*);
 static DIR* (*realOpendir)(const char*);
+static int (*realOpenat)(int, const char*, int, ...);
+static int (*realFstatat)(int, const char*, struct stat*, int);
+static int (*realFstatat64)(int, const char*, struct stat64*, int);
+static int (*realMkstemp64)(char*);
+static int (*realRenameat)(int, const char*, int, const char*);
+static int (*realUnlinkat)(int, const char*, int);
+static DIR* (*realFdopendir)(int);
 
 static int errnoByName(const char* name) {
     static const struct { const char* name; int value; } names[] = {
@@ -72,6 +87,13 @@ static void setUp(void) {
     NEXT(realUnlink, "unlink");
     NEXT(realMkstemp, "mkstemp");
     NEXT(realOpendir, "opendir");
+    NEXT(realOpenat, "openat");
+    NEXT(realFstatat, "fstatat");
+    NEXT(realFstatat64, "fstatat64");
+    NEXT(realMkstemp64, "mkstemp64");
+    NEXT(realRenameat, "renameat");
+    NEXT(realUnlinkat, "unlinkat");
+    NEXT(realFdopendir, "fdopendir");
     const char* env = getenv("CFGUPGRADE_ROOT");
     snprintf(s.root, sizeof s.root, "%s", env ? env : "");
     if (!realpath(s.root, s.realRoot)) s.realRoot[0] = 0;
@@ -138,15 +160,36 @@ static void recordFile(const char* tag, const char* op, long n, const char* phys
     free(data);
 }
 
-// ".NAME.cfgupgrade-XXXXXX" in a directory stands for NAME in it.
+static int isTemp(const char* path) {
+    const char* slash = strrchr(path, '/');
+    return strncmp(slash ? slash + 1 : path, ".cfgupgrade-", 12) == 0;
+}
+
+// A temporary file stands for the file last looked at in its directory: the writer
+// looks at its target before it makes the temporary file.
 static void targetOfTemp(const char* path, char* out, size_t size) {
     snprintf(out, size, "%s", path);
-    char* slash = strrchr(out, '/');
-    char* marker = strstr(slash ? slash : out, ".cfgupgrade-");
-    if (slash && slash[1] == '.' && marker && strlen(marker) == strlen(".cfgupgrade-XXXXXX")) {
-        *marker = 0;
-        memmove(slash + 1, slash + 2, strlen(slash + 2) + 1);
-    }
+    const char* slash = strrchr(path, '/');
+    size_t dirLength = slash ? (size_t)(slash - path) : 0;
+    if (isTemp(path) && strncmp(s.lastLooked, path, dirLength) == 0 && s.lastLooked[dirLength] == '/')
+        snprintf(out, size, "%s", s.lastLooked);
+}
+
+// DIRFD/NAME as a physical path.
+static const char* pathAt(int dirfd, const char* name, char* buffer, size_t size) {
+    if (name[0] == '/') return name;
+    char dir[4096];
+    if (!pathOfFd(dirfd, dir, sizeof dir)) return NULL;
+    size_t n = strlen(dir);
+    if (n + 1 + strlen(name) + 1 > size) return NULL;
+    memcpy(buffer, dir, n);
+    buffer[n] = '/';
+    memcpy(buffer + n + 1, name, strlen(name) + 1);
+    return buffer;
+}
+
+static void noteLooked(const char* physical) {
+    if (physical && !isTemp(physical) && logicalOf(physical)) snprintf(s.lastLooked, sizeof s.lastLooked, "%s", physical);
 }
 
 // Counts a call about a path under the root. Returns 1 when this is the call to act on.
@@ -238,16 +281,49 @@ int rename(const char* from, const char* to) {
     return 0;
 }
 
-int unlink(const char* path) {
+int renameat(int dirFrom, const char* nameFrom, int dirTo, const char* nameTo) {
     setUp();
+    char from[4096], to[4096];
+    const char* pFrom = pathAt(dirFrom, nameFrom, from, sizeof from);
+    const char* pTo = pathAt(dirTo, nameTo, to, sizeof to);
+    if (!pFrom || !pTo) return realRenameat(dirFrom, nameFrom, dirTo, nameTo);
+    const char* logical = logicalOf(pTo);
+    if (logical) recordFile("renamed", "rename", 0, pFrom, logical);
+    snprintf(s.lastChanged, sizeof s.lastChanged, "%s", pTo);
+    if (!counts(kRename, pTo)) return realRenameat(dirFrom, nameFrom, dirTo, nameTo);
+    if (s.failErrno) return fail(kRename, pTo);
+    realRenameat(dirFrom, nameFrom, dirTo, nameTo);
+    cutNow();
+    return 0;
+}
+
+static void noteUnlinked(const char* path) {
     const char* logical = logicalOf(path);
-    if (logical && !strstr(path, ".cfgupgrade-")) {
+    if (logical && !isTemp(path)) {
         record("unlinked", "unlink", 0, logical, NULL, -1);
         snprintf(s.lastChanged, sizeof s.lastChanged, "%s", path);
     }
+}
+
+int unlink(const char* path) {
+    setUp();
+    noteUnlinked(path);
     if (!counts(kUnlink, path)) return realUnlink(path);
     if (s.failErrno) return fail(kUnlink, path);
     realUnlink(path);
+    cutNow();
+    return 0;
+}
+
+int unlinkat(int dirfd, const char* name, int flags) {
+    setUp();
+    char buffer[4096];
+    const char* path = pathAt(dirfd, name, buffer, sizeof buffer);
+    if (!path) return realUnlinkat(dirfd, name, flags);
+    noteUnlinked(path);
+    if (!counts(kUnlink, path)) return realUnlinkat(dirfd, name, flags);
+    if (s.failErrno) return fail(kUnlink, path);
+    realUnlinkat(dirfd, name, flags);
     cutNow();
     return 0;
 }
@@ -261,9 +337,76 @@ int mkstemp(char* pattern) {
     return -1;
 }
 
+int mkstemp64(char* pattern) {
+    setUp();
+    if (!counts(kMkstemp, pattern)) return realMkstemp64(pattern);
+    if (s.failErrno) return fail(kMkstemp, pattern);
+    realMkstemp64(pattern);
+    cutNow();
+    return -1;
+}
+
+// Creating a file exclusively is making a temporary file; any other open of a file is
+// the writer or a reader looking at it.
+int openat(int dirfd, const char* name, int flags, ...) {
+    setUp();
+    mode_t mode = 0;
+    if (flags & (O_CREAT | __O_TMPFILE)) {
+        va_list args;
+        va_start(args, flags);
+        mode = va_arg(args, mode_t);
+        va_end(args);
+    }
+    char buffer[4096];
+    const char* path = pathAt(dirfd, name, buffer, sizeof buffer);
+    if ((flags & O_CREAT) && (flags & O_EXCL)) {
+        if (!counts(kMkstemp, path)) return realOpenat(dirfd, name, flags, mode);
+        if (s.failErrno) return fail(kMkstemp, path);
+        realOpenat(dirfd, name, flags, mode);
+        cutNow();
+    }
+    if (!(flags & (O_DIRECTORY | O_PATH)) && strcmp(name, ".") != 0) noteLooked(path);
+    return realOpenat(dirfd, name, flags, mode);
+}
+
+int openat64(int dirfd, const char* name, int flags, ...) {
+    mode_t mode = 0;
+    if (flags & (O_CREAT | __O_TMPFILE)) {
+        va_list args;
+        va_start(args, flags);
+        mode = va_arg(args, mode_t);
+        va_end(args);
+    }
+    return openat(dirfd, name, flags | O_LARGEFILE, mode);
+}
+
+int fstatat(int dirfd, const char* name, struct stat* st, int flags) {
+    setUp();
+    char buffer[4096];
+    if (name[0]) noteLooked(pathAt(dirfd, name, buffer, sizeof buffer));
+    return realFstatat(dirfd, name, st, flags);
+}
+
+int fstatat64(int dirfd, const char* name, struct stat64* st, int flags) {
+    setUp();
+    char buffer[4096];
+    if (name[0]) noteLooked(pathAt(dirfd, name, buffer, sizeof buffer));
+    return realFstatat64(dirfd, name, st, flags);
+}
+
 DIR* opendir(const char* path) {
     setUp();
     if (!counts(kOpendir, path)) return realOpendir(path);
+    if (!s.failErrno) cutNow();
+    fail(kOpendir, path);
+    return NULL;
+}
+
+DIR* fdopendir(int fd) {
+    setUp();
+    char buffer[4096];
+    const char* path = pathOfFd(fd, buffer, sizeof buffer);
+    if (!counts(kOpendir, path)) return realFdopendir(fd);
     if (!s.failErrno) cutNow();
     fail(kOpendir, path);
     return NULL;

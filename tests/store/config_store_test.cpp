@@ -67,18 +67,18 @@ TEST_F(StoreTest, ReadsGiveDefaultsAndSetsCreateFilesButNoDirectories) {
     };
     for (const auto& c : cases) EXPECT_EQ(etlGetProfileInt("/config/a.ini", "S", c.key, 5), c.expected) << c.key;
 
-    EXPECT_TRUE(etlSetProfileInt("/tmp/new.cfg", "S", "k", 1));
-    for (const char* refused : {"/no/such/dir/x.ini", "/config/../escape.ini", "relative.ini"})
+    EXPECT_TRUE(etlSetProfileInt("/config/new.cfg", "S", "k", 1));
+    for (const char* refused : {"/config/no/dir/x.ini", "relative.ini", "/tmp/other.cfg", "/config/../escape.ini"})
         EXPECT_FALSE(etlSetProfileInt(refused, "S", "k", 1)) << refused;
     store::commit();
-    EXPECT_EQ(read("/tmp/new.cfg"), "[S]\nk=1\n");
-    EXPECT_FALSE(exists("/no"));
-    EXPECT_FALSE(exists("/../escape.ini"));
+    EXPECT_EQ(read("/config/new.cfg"), "[S]\nk=1\n");
+    EXPECT_FALSE(exists("/config/no"));
+    EXPECT_FALSE(exists("/escape.ini"));
 }
 
 TEST_F(StoreTest, AtomicWriterKeepsModeSkipsUnchangedBytesAndFailsLeavingTheTarget) {
     write(kUser, "[A]\nk=1\n");
-    write("/config/user/.user.ini.cfgupgrade-AbC123", "left by a power cut");
+    write("/config/user/.cfgupgrade-AbC12345", "left by a power cut");
     chmod(physical(kUser).c_str(), 0640);
     auto statOf = [&] { struct stat st {}; stat(physical(kUser).c_str(), &st); return st; };
     auto entries = [&] { return std::distance(std::filesystem::directory_iterator(physical("/config/user")), {}); };
@@ -113,27 +113,29 @@ TEST_F(StoreTest, AtomicWriterKeepsModeSkipsUnchangedBytesAndFailsLeavingTheTarg
 }
 
 TEST_F(StoreTest, CopiesCarryPendingChangesReplaceWhatWasLoadedAndReportFailure) {
-    write("/src.cfg", "[account]\nx=1\n");
-    write("/dst.cfg", "[account]\nx=0\n");
-    EXPECT_EQ(etlGetProfileInt("/dst.cfg", "account", "x", -1), 0);
-    etlSetProfileInt("/src.cfg", "account", "x", 2);
-    EXPECT_TRUE(store::copyFile("/dst.cfg", "/src.cfg"));
-    EXPECT_EQ(read("/dst.cfg"), "[account]\nx=2\n");
-    EXPECT_EQ(etlGetProfileInt("/dst.cfg", "account", "x", -1), 2);
+    write("/config/src.cfg", "[account]\nx=1\n");
+    write("/config/dst.cfg", "[account]\nx=0\n");
+    EXPECT_EQ(etlGetProfileInt("/config/dst.cfg", "account", "x", -1), 0);
+    etlSetProfileInt("/config/src.cfg", "account", "x", 2);
+    EXPECT_TRUE(store::copyFile("/config/dst.cfg", "/config/src.cfg"));
+    EXPECT_EQ(read("/config/dst.cfg"), "[account]\nx=2\n");
+    EXPECT_EQ(etlGetProfileInt("/config/dst.cfg", "account", "x", -1), 2);
 
-    EXPECT_FALSE(store::copyFile("/dst.cfg", "/missing.cfg"));
-    EXPECT_FALSE(store::copyFile("/no/dir/dst.cfg", "/src.cfg"));
-    EXPECT_EQ(read("/dst.cfg"), "[account]\nx=2\n");
-    EXPECT_NE(log().find("app_log[60/4] Cannot copy [/src.cfg] to [/no/dir/dst.cfg]"), std::string::npos);
-    EXPECT_TRUE(store::removeFile("/dst.cfg"));
-    EXPECT_FALSE(ETL_MiscHelper::pathFileExist("/dst.cfg"));
+    EXPECT_FALSE(store::copyFile("/config/dst.cfg", "/config/missing.cfg"));
+    EXPECT_FALSE(store::copyFile("/config/no/dir/dst.cfg", "/config/src.cfg"));
+    EXPECT_EQ(read("/config/dst.cfg"), "[account]\nx=2\n");
+    EXPECT_NE(log().find("app_log[60/4] Cannot copy [/config/src.cfg] to [/config/no/dir/dst.cfg]"), std::string::npos);
+    EXPECT_TRUE(store::removeFile("/config/dst.cfg"));
+    EXPECT_FALSE(ETL_MiscHelper::pathFileExist("/config/dst.cfg"));
 }
 
 TEST_F(StoreTest, PathsNamingOneFileShareItsChanges) {
     write("/config/a.ini", "[S]\n");
+    makeDir("/config/sub");
     etlSetProfileInt("/config//a.ini", "S", "x", 1);
     etlSetProfileInt("/config/./a.ini", "S", "y", 2);
+    etlSetProfileInt("/config/sub/../a.ini", "S", "z", 3);
     EXPECT_EQ(etlGetProfileInt("/config/a.ini", "S", "x", 0), 1);
     store::commit();
-    EXPECT_EQ(read("/config/a.ini"), "[S]\nx=1\ny=2\n");
+    EXPECT_EQ(read("/config/a.ini"), "[S]\nx=1\ny=2\nz=3\n");
 }

@@ -68,6 +68,13 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
             <r $ dstFile="/config/none.ini"/><r $ dstKey="k3"/></t>)",
          {{kSystem, "k1", "v"}, {kSystem, "k2", "v"}, {kUser, "k3", "(absent)"}}, "Can's load user's inifile!\n", "",
          false},
+        // A directory stands for a file that cannot be read: as a source it reads as the
+        // empty text; as a destination it stops the run, and what was saved stays saved.
+        {"[A]\nk=v\n", R"(<t><r srcFile="/config/user" srcSec="A" srcKey="k" dstFile="/config/system/system.ini" dstKey="k0"/>
+            <r $ dstFile="/config/system/system.ini" dstKey="k1"/><r $ dstFile="/config/user"/><r $ dstKey="k3"/></t>)",
+         {{kSystem, "k0", ""}, {kSystem, "k1", "v"}, {kUser, "k3", "(absent)"}},
+         "Can's load user's inifile [/config/user]!\nCan's load user's inifile!\n",
+         "app_log[60/4] Cannot read [/config/user]: Is a directory\n", false},
         {"[A]\n" + longKey + "=" + longValue + "\n",
          R"(<t><r srcFile="/config/user/user.ini" srcSec="A" srcKey=")" + longKey + R"(" dstKey="m"/></t>)",
          {{kUser, "m", longValue}}, "", "", true},

@@ -14,6 +14,8 @@ void migrateRingbackTimeout();
 void gatherDirectIpAccount();
 // Mode 2: installs the direct-IP file, or the factory's, as account file 16.
 void installDirectIpAccount();
+// Mode 2, last: removes the direct-IP file once account file 16 durably holds it.
+void removeInstalledDirectIpFile();
 // Drops one leading '?' from every key value inside a section and saves the file.
 // 1 when saved; 0 for an empty path, a missing or unreadable file, or a failed save.
 int stripValueMarks(const std::string& path);

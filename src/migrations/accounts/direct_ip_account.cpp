@@ -36,8 +36,9 @@ void gatherDirectIpAccount() {
     for (int n = 16; n >= 0; --n) {
         std::string path = accountFilePath(n);
         if (!ETL_MiscHelper::pathFileExist(path)) continue;
-        ETL_FileHelper::iniFile account(nullptr);
-        if (!account.LoadFromFile(path)) othersGone = false;  // exists, but its flag cannot be read
+        // A file that cannot be read (logged by the store) reads as not flagged and does
+        // not hold up the gather; but it may be flagged, so see the removal below.
+        if (store::unreadable(path)) othersGone = false;
         if (!flaggedDirectIp(path)) continue;
         // The highest flagged file that copies becomes the direct-IP file. A file whose
         // copy failed keeps its place, and the next flagged file gets its turn.
@@ -48,16 +49,18 @@ void gatherDirectIpAccount() {
         if (!store::removeFile(path)) othersGone = false;
     }
     // The copied file goes last, once the direct-IP file is durable, and only when no
-    // other flagged file may be left: a run started again after a cut or a failure then
-    // finds it still flagged and copies it again, rather than a lower flagged file.
+    // other flagged file may be left (a failed removal, a flag that could not be read): a
+    // run started again after a cut or such a failure then finds it still flagged and
+    // copies it again, rather than a lower flagged file over it.
     if (!gathered.empty() && othersGone) store::removeFile(gathered);
 }
 
 void installDirectIpAccount() {
     std::string account16 = accountFilePath(16);
     if (ETL_MiscHelper::pathFileExist(kDirectIpFile)) {
-        // The direct-IP file goes only once account file 16 holds it.
-        if (store::copyFile(account16, kDirectIpFile)) store::removeFile(kDirectIpFile);
+        // The direct-IP file itself is removed at the very end of the run (see
+        // removeInstalledDirectIpFile): a cut before then leaves it for the next boot.
+        store::copyFile(account16, kDirectIpFile);
         return;
     }
     if (!ETL_MiscHelper::pathFileExist(kFactoryAccount16)) return;
@@ -74,4 +77,15 @@ int stripValueMarks(const std::string& path) {
         if (node && node->type() == ETL_FileHelper::iniObject::kSection)
             stripSectionMarks(*static_cast<ETL_FileHelper::iniSection*>(node));
     return doc.SaveToFile(path) ? 1 : 0;
+}
+
+// Run after the last step of mode 2, when everything else is durable. A cut of power at
+// any earlier moment leaves the direct-IP file in place, so the next boot installs it
+// again rather than the factory's account file 16 over it. Removed only when account
+// file 16 holds exactly its bytes: a copy that failed leaves both where they were.
+void removeInstalledDirectIpFile() {
+    std::string installed, own;
+    if (!ETL_MiscHelper::pathFileExist(kDirectIpFile)) return;
+    if (!store::readFile(accountFilePath(16), installed) || !store::readFile(kDirectIpFile, own) || installed != own) return;
+    store::removeFile(kDirectIpFile);
 }

@@ -13,7 +13,10 @@ int blfLedMode(const std::string& offIdle, const std::string& notifyType) {
 }  // namespace
 
 // The mode is written and flushed on every run, 0 when the record holds neither key.
+// A record that exists but cannot be read (logged by the store) holds keys nobody can
+// see: the mode is left for the next run rather than set from defaults.
 void migrateBlfLedMode() {
+    if (store::unreadable("/tmp/VersionInfo.cfg")) return;
     HREGISTRY user = registryOpen("/config/user/user.ini", "BLFLed");
     HREGISTRY record = registryOpen("/tmp/VersionInfo.cfg", "Features");
     std::string offIdle = ETL_SubClass::registryGetString(record, "BLFLedOffIdle", "");

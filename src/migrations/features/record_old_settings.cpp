@@ -7,6 +7,18 @@ const char* const kOldFeatureKeys[] = {"BLFLedOffIdle", "BLfNotifyType", "CloseP
                                        "PowerLedMail"};
 const char* const kOldSyslogKeys[] = {"eLogType", "strServerName"};
 
+// Copies the keys of one section of `source` into the same section of the record.
+// A source that exists but cannot be read (logged by the store) is not recorded as
+// empty: that section of the record is left for the next run.
+template <size_t N>
+void recordSection(const char* source, const char* section, const char* const (&keys)[N]) {
+    if (store::unreadable(source)) return;
+    HREGISTRY from = registryOpen(source, section);
+    HREGISTRY record = registryOpen(kVersionRecord, section);
+    for (const char* key : keys) copyRegistryString(from, record, key);
+    registryFlush(record);
+}
+
 }  // namespace
 
 void copyRegistryString(HREGISTRY src, HREGISTRY dst, const char* key) {
@@ -18,13 +30,6 @@ void copyRegistryString(HREGISTRY src, HREGISTRY dst, const char* key) {
 // old configuration held. The sources are only read; each record section is flushed
 // through its own handle, Features first.
 void recordOldSettings() {
-    HREGISTRY userFeatures = registryOpen("/config/user/user.ini", "Features");
-    HREGISTRY recordFeatures = registryOpen(kVersionRecord, "Features");
-    for (const char* key : kOldFeatureKeys) copyRegistryString(userFeatures, recordFeatures, key);
-    registryFlush(recordFeatures);
-
-    HREGISTRY systemSyslog = registryOpen("/config/system/system.ini", "Syslog");
-    HREGISTRY recordSyslog = registryOpen(kVersionRecord, "Syslog");
-    for (const char* key : kOldSyslogKeys) copyRegistryString(systemSyslog, recordSyslog, key);
-    registryFlush(recordSyslog);
+    recordSection("/config/user/user.ini", "Features", kOldFeatureKeys);
+    recordSection("/config/system/system.ini", "Syslog", kOldSyslogKeys);
 }

@@ -13,6 +13,7 @@ TEST_F(AccountDefaults, ScaLineKeyNumberBecomesExplicitInExistingFilesOnly) {
         {16, "[other]\nx=1\n", "[other]\nx=1\n[account]\nSCALineKeyNumber=-1\n"},
     };
     for (const auto& c : cases) write(accountFilePath(c.account), c.before);
+    makeDir(accountFilePath(9));  // cannot be read: passed over, the others still change
     runStep(migrateScaLineKeyNumber);
     for (const auto& c : cases) EXPECT_EQ(read(accountFilePath(c.account)), c.after) << c.account;
     for (int n : {1, 2, 4, 8, 15}) EXPECT_FALSE(exists(accountFilePath(n)));

@@ -16,7 +16,7 @@ class DirectIpAccount : public PhoneRoot {
 protected:
     // Puts a file, a directory or nothing (null) at a path.
     void place(const std::string& path, const char* content) {
-        if (content == kDirectory) makeDir(path);
+        if (content && std::string(content) == kDirectory) makeDir(path);
         else if (content) write(path, content);
     }
 };
@@ -27,11 +27,13 @@ TEST_F(DirectIpAccount, GatherMovesTheHighestFlaggedAccountAndKeepsWhatDidNotCop
     cases[] = {
         {{{0, account("a0")}, {5, account("a5", "2")}, {16, account("a16")}}, nullptr, account("a16"), {5}},
         {{{0, "[account]\n"}, {4, account("a4", "0")}}, "[old]\n", "[old]\n", {0, 4}},
+        // 7 cannot be read: 9 is gathered and 4 removed, and 9 stays until 7's flag can be read.
+        {{{4, account("a4")}, {7, kDirectory}, {9, account("a9")}}, nullptr, account("a9"), {9}},
         {{{4, account("a4")}, {9, account("a9")}}, kDirectory, "", {4, 9}},  // the destination is not writable
     };
     for (const auto& c : cases) {
         fresh();
-        for (const auto& [n, text] : c.accounts) write(accountFilePath(n), text);
+        for (const auto& [n, text] : c.accounts) place(accountFilePath(n), text.c_str());
         place(kDirectIp, c.before);
         runStep(gatherDirectIpAccount);
 
@@ -67,6 +69,7 @@ TEST_F(DirectIpAccount, InstallPrefersTheDirectIpFileThenTheFactoryCopy) {
         place(kDirectIp, c.directIp);
         place(kFactory16, c.factory);
         runStep(installDirectIpAccount);
+        runStep(removeInstalledDirectIpFile);  // the last step of mode 2
 
         EXPECT_EQ(read(accountFilePath(16)), c.after) << c.what;
         EXPECT_EQ(exists(kDirectIp), c.directIpStays) << c.what;

@@ -1,0 +1,78 @@
+// Where this tool may touch the filesystem. Logical paths (as the phone sees them) are
+// mapped under CFGUPGRADE_ROOT, resolved as the kernel resolves them, and confined:
+// nothing the tool reads as configuration or writes ever lies outside its area, whatever
+// a link says.
+//
+// Areas: the tree under /config and the one file /tmp/VersionInfo.cfg are writable; every
+// other path may only be read, and never outside the root. Links under /config are
+// followed while they stay in /config; the version record is never reached through a link,
+// and counts only when it is a regular file of this user that nobody else may write.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace store::fs {
+
+enum class Access { kRead, kWrite };
+
+// Refusals that are not system errors; errors elsewhere are errno values.
+constexpr int kOutsideWritableAreas = -1;
+constexpr int kLinkLeavesArea = -2;
+constexpr int kNotRegularFile = -3;
+constexpr int kUntrustedRecord = -4;
+constexpr int kTooDeep = -5;
+
+// The text for an errno value or a refusal above.
+const char* describe(int err);
+
+// A logical path resolved to the directory that holds it and its name there. The name
+// is never a link (a link the area lets be followed has been followed) and never "."
+// or "..". The file itself need not exist.
+class Location {
+public:
+    Location() = default;
+    Location(const Location&) = delete;
+    Location& operator=(const Location&) = delete;
+    Location(Location&& other) noexcept;
+    Location& operator=(Location&& other) noexcept;
+    ~Location();
+
+    int dir = -1;             // the directory, opened for reading (listing, fsync)
+    std::string name;
+    bool privateFile = false; // may hold a password: created 0600
+    bool ownFileOnly = false; // the version record: see ownedAndGuarded()
+};
+
+// Fills `out` and returns 0, or returns why the path cannot be used for `access`.
+int resolve(std::string_view logical, Access access, Location& out);
+
+// A whole directory path resolved for reading (listing); the descriptor or -errno/refusal.
+int openDirectory(std::string_view logical, int& dir);
+
+// The version record counts only when it is a regular file of this user that group and
+// others may not write: otherwise any local process could hand mode 2 its settings.
+bool ownedAndGuarded(const struct stat& st);
+
+// One key for every spelling of a file: its resolved directory and name. Nullopt when
+// the path cannot be resolved for reading.
+std::optional<std::string> identity(std::string_view logical);
+
+// The path under the root, for messages and tests; no check of any kind.
+std::optional<std::string> physicalPath(std::string_view logical);
+
+// Repeated slashes, "." and ".." taken out as the kernel takes them out at "/" when no
+// link is involved. Used to pick a path's area; the resolution itself is the kernel's.
+std::string canonicalPath(std::string_view logical);
+
+// Logs a refusal once per path and run: "Cannot WHAT [PATH]: REASON".
+void reportOnce(const char* what, std::string_view logical, int err);
+
+// Drops the open root and what is known of it (a new root, a new test).
+void forgetRoot();
+
+}  // namespace store::fs

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/log.h"
 #include "store/config_store.h"
 
 namespace {
@@ -74,8 +75,17 @@ void reportKeyProblem(const std::string& path, const char* problem) {
     std::string report = path + '\n' + problem;
     if (report == lastReported) return;
     lastReported = report;
-    std::fprintf(stderr, "cfgupgrade: password key file [%s] %s; no password is protected or unprotected\n",
-                 path.c_str(), problem);
+    ETL_TraceHelper::etlTrace(3, "Password key file [%s] %s: no password is protected or unprotected", path.c_str(),
+                              problem);
+}
+
+// The translation's test for "already protected", kept here too so that the routine
+// and the translation agree on what needs protecting: a plain text with a byte of
+// 0x80 or above does not count as one of ours.
+bool isPlainAscii(const std::string& text) {
+    for (unsigned char c : text)
+        if (c >= 0x80) return false;
+    return true;
 }
 
 bool parseHexKey(std::string text, Key& key) {
@@ -179,15 +189,26 @@ bool unprotect(const Key& key, const char* input, std::string& plain) {
     return false;
 }
 
+// Each failure is traced with its reason, never with the value: the person who set up
+// the phone learns why a value was stored empty.
 bool protect(const Key& key, const char* input, std::string& result) {
     std::size_t n = std::strlen(input);
-    if (protectedLength(n) > kLongestProtected) return false;
+    if (protectedLength(n) > kLongestProtected) {
+        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: a value of %zu bytes is too long to protect (at most %zu)", n,
+                                  kPwDataLongestPlain);
+        return false;
+    }
     std::string raw(kNonceLength + n + kTagLength, '\0');
     auto* bytes = reinterpret_cast<unsigned char*>(&raw[0]);
-    if (!freshNonce(bytes)) return false;
-    auto* plain = reinterpret_cast<const unsigned char*>(input);
-    if (!encryptGcm(key, bytes, plain, static_cast<int>(n), bytes + kNonceLength, bytes + kNonceLength + n))
+    if (!freshNonce(bytes)) {
+        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: no random nonce: %s", std::strerror(errno));
         return false;
+    }
+    auto* plain = reinterpret_cast<const unsigned char*>(input);
+    if (!encryptGcm(key, bytes, plain, static_cast<int>(n), bytes + kNonceLength, bytes + kNonceLength + n)) {
+        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: the cipher failed");
+        return false;
+    }
     result = kPrefix + encodeBase64Url(bytes, raw.size());
     return true;
 }
@@ -203,8 +224,9 @@ int pw_data_encrypt(const char* input, char* output) {
     if (!loadKey(key)) return 1;
     std::string text;
     int result = 0;
-    if (unprotect(key, input, text)) {
-        OPENSSL_cleanse(&text[0], text.size());
+    bool alreadyProtected = unprotect(key, input, text) && isPlainAscii(text);
+    OPENSSL_cleanse(&text[0], text.size());
+    if (alreadyProtected) {
         writeText(output, input);
     } else if (*input == '\0') {
         // Nothing to hide: an empty password stays visibly empty.
@@ -224,6 +246,10 @@ int pw_data_decrypt(const char* input, char* output) {
     std::string plain;
     bool ok = unprotect(key, input, plain);
     OPENSSL_cleanse(key.data(), key.size());
+    // Plain text failing here is the routine's everyday answer; only a value that looks
+    // protected and does not open (another key, a damaged value) is worth a word.
+    if (!ok && std::strncmp(input, kPrefix, kPrefixLength) == 0)
+        ETL_TraceHelper::etlTrace(3, "pw_data_decrypt: a value in the protected form does not open with this key");
     if (!ok) return 1;
     writeText(output, plain);
     OPENSSL_cleanse(&plain[0], plain.size());

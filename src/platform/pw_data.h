@@ -20,11 +20,13 @@ constexpr std::size_t kPwDataBufferSize = 160;
 constexpr std::size_t kPwDataLongestPlain = 88;
 
 // Writes the protected form of `input`. An input that is already protected with the
-// current key is copied unchanged, so a value is never protected twice; the empty
-// text stays empty. Non-zero, with the empty text written, when the protected form
-// would not fit or the key cannot be had.
+// current key, and whose plain text has no byte of 0x80 or above, is copied unchanged,
+// so repeated passes do not protect a value twice; the empty text stays empty.
+// Non-zero, with the empty text written, when the protected form would not fit or
+// the key cannot be had; the reason is traced at level 3, never the value.
 int pw_data_encrypt(const char* input, char* output);
 
 // Writes the plain form of a value protected with the current key. Non-zero, with
 // the empty text written, for anything else: a wrong prefix, bad base64, a failed tag.
+// A value in the protected form that does not open is traced at level 3.
 int pw_data_decrypt(const char* input, char* output);

@@ -51,12 +51,12 @@ TEST_F(PasswordRoutines, AKeyFileReplacesTheDevelopmentKeyAndABadOneStopsBoth) {
     EXPECT_EQ(seen(protectedForm("secret")), "*secret");
     for (const std::string file : {"/etc/bad.key", "/etc/missing.key"}) {
         setenv("CFGUPGRADE_PW_KEYFILE", file.c_str(), 1);
-        testing::internal::CaptureStderr();
+        size_t before = log().size();
         EXPECT_EQ(call(pw_data_encrypt, "secret"), std::make_tuple(1, std::string(), true));
         EXPECT_EQ(call(pw_data_decrypt, withDevelopmentKey), std::make_tuple(1, std::string(), true));
-        std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_NE(err.find("[" + file + "]"), std::string::npos) << err;
-        EXPECT_EQ(err.find("[" + file + "]"), err.rfind("[" + file + "]")) << "said once: " << err;
+        std::string said = log().substr(before);
+        EXPECT_EQ(said.rfind("etlTrace[3] Password key file [" + file + "]", 0), 0u) << said;
+        EXPECT_EQ(said.find('\n'), said.size() - 1) << "said once: " << said;
     }
     unsetenv("CFGUPGRADE_PW_KEYFILE");
 }

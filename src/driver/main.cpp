@@ -1,3 +1,7 @@
 #include "driver/driver.h"
+#include "platform/pw_data.h"
 
-int main(int argc, char** argv) { return runUpgrade(argc, argv); }
+int main(int argc, char** argv) {
+    pw_data_report_key_source();
+    return runUpgrade(argc, argv);
+}

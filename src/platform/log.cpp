@@ -13,6 +13,7 @@
 namespace {
 
 const int kDefaultTraceLevel = 3;
+const int kHighestLevel = 7;  // syslog's lowest priority
 
 std::string vformat(const char* format, va_list args) {
     va_list copy;
@@ -59,9 +60,19 @@ void deliver(int priority, const std::string& prefix, const std::string& text) {
 
 int syslogPriority(int level) { return level < 0 ? LOG_EMERG : level > 7 ? LOG_DEBUG : level; }
 
+// Only a whole number from 0 to 7 counts; anything else (blanks, a word, a sign, an
+// overflow) is the default, so a typo never opens the level-2 traces that carry
+// password values.
 int lowestTraceLevel() {
     const char* env = std::getenv("CFGUPGRADE_TRACE_LEVEL");
-    return env && *env ? std::atoi(env) : kDefaultTraceLevel;
+    if (!env || !*env) return kDefaultTraceLevel;
+    int level = 0;
+    for (; *env; ++env) {
+        if (*env < '0' || *env > '9') return kDefaultTraceLevel;
+        level = level * 10 + (*env - '0');
+        if (level > kHighestLevel) return kDefaultTraceLevel;
+    }
+    return level;
 }
 
 }  // namespace

@@ -5,8 +5,9 @@
 // On standard error and in files a record reads "app_log[MODULE/LEVEL] TEXT" or
 // "etlTrace[LEVEL] TEXT", ending with one line break.
 //
-// Trace records below CFGUPGRADE_TRACE_LEVEL (default 3) are dropped: level 2 carries
-// stored password values. app_log records are always delivered.
+// Trace records below CFGUPGRADE_TRACE_LEVEL are dropped: level 2 carries stored
+// password values. It must be a whole number from 0 to 7; unset or anything else
+// means the default, 3. app_log records are always delivered.
 #pragma once
 
 #define CFGUPGRADE_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))

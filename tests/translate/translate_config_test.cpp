@@ -82,8 +82,8 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
          {{kUser, "k2", "*" + sealedUtf8}, {kUser, "k3", ""}}, "",
          "etlTrace[3] pw_data_encrypt: a value of 89 bytes is too long to protect (at most 88)\n", true},
         {lockOn + "v\n", R"(<t><r $ dstKey="k2" dstEncrypt="1"/></t>)", {{kUser, "k2", ""}}, "",
-         "etlTrace[3] Password key file [/etc/none.key] cannot be read: no password is protected or unprotected\n",
-         true, "/etc/none.key"},
+         "app_log[60/4] Cannot use password key file [/etc/none.key]: No such file or directory; no password is "
+         "protected or unprotected\n", true, "/etc/none.key"},
     };
     for (const auto& c : cases) {
         fresh();

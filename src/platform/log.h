@@ -14,6 +14,12 @@
 
 void app_log(int module, int level, const char* format, ...) CFGUPGRADE_PRINTF(3, 4);
 
+// Makes standard output and standard error safe to write whatever they are: closed,
+// full, a pipe nobody reads. A line they cannot take is dropped; nothing stops or
+// hangs the run (no SIGPIPE, no blocked write beyond a short grace). The steps' own
+// printf and puts go the same way. The tool's entry point calls it first.
+void prepareOutputStreams();
+
 namespace ETL_TraceHelper {
 void etlTrace(int level, const char* format, ...) CFGUPGRADE_PRINTF(2, 3);
 }

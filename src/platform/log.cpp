@@ -1,9 +1,14 @@
 #include "platform/log.h"
 
 #include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +18,7 @@
 namespace {
 
 const int kDefaultTraceLevel = 3;
+const int kHighestLevel = 7;  // syslog's lowest priority
 
 std::string vformat(const char* format, va_list args) {
     va_list copy;
@@ -26,18 +32,46 @@ std::string vformat(const char* format, va_list args) {
     return text;
 }
 
-// One write per record, so records from one run never interleave mid-line.
-void writeRecord(int fd, const std::string& record) {
-    const char* p = record.data();
-    size_t left = record.size();
-    while (left > 0) {
-        ssize_t n = write(fd, p, left);
+// A stream of output: standard output, standard error, or the log file. Once a stream
+// has kept the run waiting for its whole grace period, it is not waited on again.
+struct Stream {
+    int fd;
+    bool stalled;
+};
+
+// How long one stream may hold up the run, once: a console that drains slowly gets its
+// lines, a pipe nobody reads costs the boot this and no more.
+const int kGraceMilliseconds = 250;
+
+// False when the stream has no room (or is broken) within the wait it is allowed.
+bool waitForRoom(Stream& stream) {
+    pollfd watch = {stream.fd, POLLOUT, 0};
+    int ready;
+    while ((ready = poll(&watch, 1, stream.stalled ? 0 : kGraceMilliseconds)) < 0 && errno == EINTR) {
+    }
+    if (ready == 1 && (watch.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return true;
+    stream.stalled = true;
+    return false;
+}
+
+// Delivers what the stream takes and drops the rest: a closed, full or broken stream
+// never stops or hangs the run. Writes of at most PIPE_BUF bytes fit in a pipe that
+// poll called writable, so none of them blocks; a record up to that size is one write,
+// so records never interleave mid-line.
+void deliverTo(Stream& stream, const char* data, size_t size) {
+    while (size > 0) {
+        if (!waitForRoom(stream)) return;
+        ssize_t n = write(stream.fd, data, std::min<size_t>(size, PIPE_BUF));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return;
-        p += n;
-        left -= static_cast<size_t>(n);
+        data += n;
+        size -= static_cast<size_t>(n);
     }
 }
+
+Stream standardOutput = {STDOUT_FILENO, false};
+Stream standardError = {STDERR_FILENO, false};
+Stream logFile = {-1, false};  // opened for each record
 
 void deliver(int priority, const std::string& prefix, const std::string& text) {
     std::string record = prefix + text;
@@ -45,23 +79,55 @@ void deliver(int priority, const std::string& prefix, const std::string& text) {
 
     const char* sink = std::getenv("CFGUPGRADE_LOG");
     if (!sink || !*sink || std::strcmp(sink, "-") == 0) {
-        writeRecord(STDERR_FILENO, record);
+        deliverTo(standardError, record.data(), record.size());
     } else if (std::strcmp(sink, "syslog") == 0) {
         openlog("cfgupgrade", LOG_PID, LOG_USER);
         syslog(priority, "%s", record.c_str());
     } else {
-        int fd = open(sink, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        // Non-blocking: a FIFO without a reader fails the open instead of hanging it.
+        int fd = open(sink, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
         if (fd < 0) return;
-        writeRecord(fd, record);
+        logFile.fd = fd;
+        deliverTo(logFile, record.data(), record.size());
         close(fd);
     }
 }
 
+// The stdio stream that the steps' printf and puts write into: it claims every byte,
+// so stdio never retries, and delivers what standard output takes.
+ssize_t writeStandardOutput(void*, const char* data, size_t size) {
+    deliverTo(standardOutput, data, size);
+    return static_cast<ssize_t>(size);
+}
+
+// A standard descriptor that is not open would be handed to the next file the tool
+// opens, and diagnostics would land in a configuration file.
+void keepOpen(int fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) return;
+    int null = open("/dev/null", O_RDWR);
+    if (null >= 0 && null != fd) {
+        dup2(null, fd);
+        close(null);
+    }
+}
+
+void ignoreSignal(int) {}
+
 int syslogPriority(int level) { return level < 0 ? LOG_EMERG : level > 7 ? LOG_DEBUG : level; }
 
+// Only a whole number from 0 to 7 counts; anything else (blanks, a word, a sign, an
+// overflow) is the default, so a typo never opens the level-2 traces that carry
+// password values.
 int lowestTraceLevel() {
     const char* env = std::getenv("CFGUPGRADE_TRACE_LEVEL");
-    return env && *env ? std::atoi(env) : kDefaultTraceLevel;
+    if (!env || !*env) return kDefaultTraceLevel;
+    int level = 0;
+    for (; *env; ++env) {
+        if (*env < '0' || *env > '9') return kDefaultTraceLevel;
+        level = level * 10 + (*env - '0');
+        if (level > kHighestLevel) return kDefaultTraceLevel;
+    }
+    return level;
 }
 
 }  // namespace
@@ -86,3 +152,19 @@ void etlTrace(int level, const char* format, ...) {
 }
 
 }  // namespace ETL_TraceHelper
+
+void prepareOutputStreams() {
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) keepOpen(fd);
+    // A reader that went away must not kill the run: writes fail with EPIPE instead.
+    // A handler rather than SIG_IGN, so that programs the tool might start get the
+    // default back.
+    struct sigaction action = {};
+    action.sa_handler = ignoreSignal;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+    cookie_io_functions_t functions = {nullptr, writeStandardOutput, nullptr, nullptr};
+    if (FILE* out = fopencookie(nullptr, "w", functions)) {
+        setvbuf(out, nullptr, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, BUFSIZ);
+        stdout = out;
+    }
+}

@@ -1,25 +1,27 @@
 #include "platform/pw_data.h"
 
+#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <array>
-#include <cctype>
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
-#include "store/config_store.h"
+#include "platform/log.h"
+#include "store/files.h"
+#include "store/secret_file.h"
 
 namespace {
 
-using Key = std::array<unsigned char, 32>;
-
 constexpr char kPrefix[] = "pw1:";
 constexpr std::size_t kPrefixLength = sizeof kPrefix - 1;
+constexpr std::size_t kKeyLength = 32;
 constexpr std::size_t kNonceLength = 12;
 constexpr std::size_t kTagLength = 16;
 constexpr std::size_t kLongestProtected = kPwDataBufferSize - 1;
@@ -34,198 +36,295 @@ static_assert(protectedLength(kPwDataLongestPlain) <= kLongestProtected &&
                   protectedLength(kPwDataLongestPlain + 1) > kLongestProtected,
               "the documented longest plain text is the one that fits");
 
+// Nonce, cipher text and tag of the longest protected value: every buffer below is this
+// size, on the stack, so no part of a value is ever left in freed heap memory.
+constexpr std::size_t kLongestSealed = kNonceLength + kPwDataLongestPlain + kTagLength;
+
 // DEVELOPMENT KEY. It is in the source, so it protects nothing: every real
 // installation names its own key with CFGUPGRADE_PW_KEYFILE.
-const Key kDevelopmentKey = {'c', 'f', 'g', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '-', 'D', 'E', 'V', 'E', 'L',
-                             'O', 'P', 'M', 'E', 'N', 'T', '-', 'K', 'E', 'Y', '-', '0', '0', '0', '0', '1'};
+const unsigned char kDevelopmentKey[kKeyLength] = {'c', 'f', 'g', 'u', 'p', 'g', 'r', 'a', 'd', 'e', '-',
+                                                   'D', 'E', 'V', 'E', 'L', 'O', 'P', 'M', 'E', 'N', 'T',
+                                                   '-', 'K', 'E', 'Y', '-', '0', '0', '0', '0', '1'};
+
+// 64 hex digits and a few blanks around them; anything longer is not a key file.
+constexpr std::size_t kKeyFileCapacity = 128;
 
 const char kBase64Url[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
-std::string encodeBase64Url(const unsigned char* data, std::size_t n) {
-    std::string text;
-    text.reserve(encodedLength(n));
+// Writes the unpadded base64url of n bytes and a terminator.
+void encodeBase64Url(const unsigned char* data, std::size_t n, char* text) {
     for (std::size_t i = 0; i < n; i += 3) {
         unsigned long group = static_cast<unsigned long>(data[i]) << 16;
         if (i + 1 < n) group |= static_cast<unsigned long>(data[i + 1]) << 8;
         if (i + 2 < n) group |= data[i + 2];
         std::size_t chars = n - i >= 3 ? 4 : n - i + 1;
-        for (std::size_t c = 0; c < chars; ++c) text += kBase64Url[(group >> (18 - 6 * c)) & 0x3f];
+        for (std::size_t c = 0; c < chars; ++c) *text++ = kBase64Url[(group >> (18 - 6 * c)) & 0x3f];
     }
-    return text;
+    *text = '\0';
 }
 
-// Strict: only the url alphabet, and only the one spelling the encoder makes.
-bool decodeBase64Url(const std::string& text, std::string& bytes) {
-    bytes.clear();
+int base64UrlValue(char c) {
+    const char* at = c ? std::strchr(kBase64Url, c) : nullptr;
+    return at ? static_cast<int>(at - kBase64Url) : -1;
+}
+
+// Strict: only the url alphabet, and only the one spelling the encoder makes (the
+// unused low bits of the last character are zero). False for anything longer than
+// `capacity` bytes.
+bool decodeBase64Url(const char* text, unsigned char* bytes, std::size_t capacity, std::size_t& n) {
     unsigned bits = 0;
     int count = 0;
-    for (char c : text) {
-        const char* at = c ? std::strchr(kBase64Url, c) : nullptr;
-        if (!at) return false;
-        bits = ((bits << 6) | static_cast<unsigned>(at - kBase64Url)) & 0xffff;
-        if ((count += 6) >= 8) bytes += static_cast<char>((bits >> (count -= 8)) & 0xff);
+    n = 0;
+    for (; *text; ++text) {
+        int value = base64UrlValue(*text);
+        if (value < 0) return false;
+        bits = ((bits << 6) | static_cast<unsigned>(value)) & 0xffff;
+        if ((count += 6) < 8) continue;
+        if (n == capacity) return false;
+        bytes[n++] = static_cast<unsigned char>((bits >> (count -= 8)) & 0xff);
     }
-    return encodeBase64Url(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) == text;
+    return count != 6 && (bits & ((1u << count) - 1)) == 0;
 }
 
-// Said once per key file and problem, not once per password.
-void reportKeyProblem(const std::string& path, const char* problem) {
-    static std::string lastReported;
-    std::string report = path + '\n' + problem;
-    if (report == lastReported) return;
-    lastReported = report;
-    std::fprintf(stderr, "cfgupgrade: password key file [%s] %s; no password is protected or unprotected\n",
-                 path.c_str(), problem);
-}
+// AES-256-GCM, keyed once per run: per value only the nonce is set. The prefix is bound
+// in as associated data, so a value cannot be moved under another prefix.
+class Gcm {
+public:
+    Gcm() : ctx_(EVP_CIPHER_CTX_new()) {}
+    ~Gcm() { EVP_CIPHER_CTX_free(ctx_); }  // wipes the key schedule
+    Gcm(const Gcm&) = delete;
+    Gcm& operator=(const Gcm&) = delete;
 
-bool parseHexKey(std::string text, Key& key) {
-    const char* blanks = " \t\r\n";
-    text.erase(text.find_last_not_of(blanks) + 1);
-    text.erase(0, text.find_first_not_of(blanks));
-    if (text.size() != key.size() * 2) return false;
-    for (std::size_t i = 0; i < key.size(); ++i) {
-        char pair[3] = {text[2 * i], text[2 * i + 1], '\0'};
-        if (!std::isxdigit(static_cast<unsigned char>(pair[0])) || !std::isxdigit(static_cast<unsigned char>(pair[1])))
-            return false;
-        key[i] = static_cast<unsigned char>(std::strtoul(pair, nullptr, 16));
+    bool setKey(const unsigned char* key) {
+        return ctx_ && EVP_CipherInit_ex(ctx_, EVP_aes_256_gcm(), nullptr, key, nullptr, 1) == 1;
     }
-    return true;
-}
 
-// The key file is read on every call: it is tiny, and the routines are called a few
-// dozen times per run at most.
-bool loadKey(Key& key) {
-    const char* path = std::getenv("CFGUPGRADE_PW_KEYFILE");
-    if (!path || !*path) {
-        key = kDevelopmentKey;
-        return true;
+    // out gets n bytes of cipher text, tag the tag.
+    bool seal(const unsigned char* nonce, const unsigned char* plain, std::size_t n, unsigned char* out,
+              unsigned char* tag) {
+        int len = 0;
+        return start(nonce, 1) && EVP_EncryptUpdate(ctx_, out, &len, plain, static_cast<int>(n)) == 1 &&
+               EVP_EncryptFinal_ex(ctx_, out + len, &len) == 1 &&
+               EVP_CIPHER_CTX_ctrl(ctx_, EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagLength), tag) == 1;
     }
-    std::string text;
-    if (!store::readFile(path, text)) {
-        reportKeyProblem(path, "cannot be read");
-        return false;
-    }
-    bool ok = parseHexKey(text, key);
-    OPENSSL_cleanse(&text[0], text.size());
-    if (!ok) reportKeyProblem(path, "does not hold 64 hex digits");
-    return ok;
-}
 
-// The kernel's generator gives the nonce: OpenSSL's own generator would cost the tool
-// most of a megabyte of memory at boot for twelve bytes per value.
-bool freshNonce(unsigned char* nonce) {
-    return getrandom(nonce, kNonceLength, 0) == static_cast<ssize_t>(kNonceLength);
-}
+    // The reverse of seal; false when the tag does not match.
+    bool open(const unsigned char* nonce, const unsigned char* sealed, std::size_t n, const unsigned char* tag,
+              unsigned char* out) {
+        int len = 0;
+        return start(nonce, 0) && EVP_DecryptUpdate(ctx_, out, &len, sealed, static_cast<int>(n)) == 1 &&
+               EVP_CIPHER_CTX_ctrl(ctx_, EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagLength),
+                                   const_cast<unsigned char*>(tag)) == 1 &&
+               EVP_DecryptFinal_ex(ctx_, out + len, &len) == 1;
+    }
+
+private:
+    bool start(const unsigned char* nonce, int encrypt) {
+        int len = 0;
+        return EVP_CipherInit_ex(ctx_, nullptr, nullptr, nullptr, nonce, encrypt) == 1 &&
+               EVP_CipherUpdate(ctx_, nullptr, &len, reinterpret_cast<const unsigned char*>(kPrefix),
+                                static_cast<int>(kPrefixLength)) == 1;
+    }
+
+    EVP_CIPHER_CTX* ctx_;
+};
+
+using Cipher = std::unique_ptr<Gcm>;
 
 // Only the one cipher is needed: the host's OpenSSL configuration file, which may load
 // providers and modules, is never read.
-bool initCrypto() {
-    static const bool ready = OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
-    return ready;
+Cipher keyedCipher(const unsigned char* key) {
+    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) != 1) return nullptr;
+    auto cipher = std::make_unique<Gcm>();
+    return cipher->setKey(key) ? std::move(cipher) : nullptr;
 }
 
-using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// Starts AES-256-GCM in one direction (1 encrypt, 0 decrypt) with the prefix bound in
-// as associated data, so a value cannot be moved under another prefix. Null on failure.
-CipherContext startGcm(const Key& key, const unsigned char* nonce, int encrypt) {
-    CipherContext ctx(initCrypto() ? EVP_CIPHER_CTX_new() : nullptr, EVP_CIPHER_CTX_free);
-    int len = 0;
-    if (ctx && EVP_CipherInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), nonce, encrypt) == 1 &&
-        EVP_CipherUpdate(ctx.get(), nullptr, &len, reinterpret_cast<const unsigned char*>(kPrefix),
-                         static_cast<int>(kPrefixLength)) == 1)
-        return ctx;
-    return CipherContext(nullptr, EVP_CIPHER_CTX_free);
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
 }
 
-// out gets n bytes of cipher text, tag the tag.
-bool encryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* plain, int n, unsigned char* out,
-                unsigned char* tag) {
-    CipherContext ctx = startGcm(key, nonce, 1);
-    int len = 0;
-    return ctx && EVP_EncryptUpdate(ctx.get(), out, &len, plain, n) == 1 &&
-           EVP_EncryptFinal_ex(ctx.get(), out + len, &len) == 1 &&
-           EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagLength), tag) == 1;
-}
-
-// The reverse of encryptGcm; false when the tag does not match.
-bool decryptGcm(const Key& key, const unsigned char* nonce, const unsigned char* sealed, int n,
-                const unsigned char* tag, unsigned char* out) {
-    CipherContext ctx = startGcm(key, nonce, 0);
-    int len = 0;
-    return ctx && EVP_DecryptUpdate(ctx.get(), out, &len, sealed, n) == 1 &&
-           EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagLength),
-                               const_cast<unsigned char*>(tag)) == 1 &&
-           EVP_DecryptFinal_ex(ctx.get(), out + len, &len) == 1;
-}
-
-// Plain text of a protected value, or false. Anything longer than a protected value
-// can be is rejected before decoding, so nothing here grows with the input.
-bool unprotect(const Key& key, const char* input, std::string& plain) {
-    std::size_t length = std::strlen(input);
-    if (length > kLongestProtected || std::strncmp(input, kPrefix, kPrefixLength) != 0) return false;
-    std::string raw;
-    if (!decodeBase64Url(input + kPrefixLength, raw)) return false;
-    if (raw.size() < kNonceLength + kTagLength) return false;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(raw.data());
-    std::size_t n = raw.size() - kNonceLength - kTagLength;
-    plain.assign(n, '\0');
-    bool ok = decryptGcm(key, bytes, bytes + kNonceLength, static_cast<int>(n), bytes + kNonceLength + n,
-                         reinterpret_cast<unsigned char*>(&plain[0]));
-    // A zero byte could not survive the trip through a text.
-    if (ok && plain.find('\0') == std::string::npos) return true;
-    OPENSSL_cleanse(&plain[0], plain.size());
-    plain.clear();
-    return false;
-}
-
-bool protect(const Key& key, const char* input, std::string& result) {
-    std::size_t n = std::strlen(input);
-    if (protectedLength(n) > kLongestProtected) return false;
-    std::string raw(kNonceLength + n + kTagLength, '\0');
-    auto* bytes = reinterpret_cast<unsigned char*>(&raw[0]);
-    if (!freshNonce(bytes)) return false;
-    auto* plain = reinterpret_cast<const unsigned char*>(input);
-    if (!encryptGcm(key, bytes, plain, static_cast<int>(n), bytes + kNonceLength, bytes + kNonceLength + n))
-        return false;
-    result = kPrefix + encodeBase64Url(bytes, raw.size());
+// The key from 64 hex digits, blanks around them allowed.
+bool parseHexKey(const char* text, std::size_t n, unsigned char* key) {
+    std::size_t begin = 0, end = n;
+    while (begin < end && isBlank(text[begin])) ++begin;
+    while (end > begin && isBlank(text[end - 1])) --end;
+    if (end - begin != 2 * kKeyLength) return false;
+    for (std::size_t i = 0; i < kKeyLength; ++i) {
+        int high = hexValue(text[begin + 2 * i]), low = hexValue(text[begin + 2 * i + 1]);
+        if (high < 0 || low < 0) return false;
+        key[i] = static_cast<unsigned char>(high << 4 | low);
+    }
     return true;
 }
 
-// Copies a text that is known to fit, terminator included.
-void writeText(char* output, const std::string& text) { std::memcpy(output, text.c_str(), text.size() + 1); }
+void reportUnusableKeyFile(const char* file, const char* reason) {
+    app_log(60, 4, "Cannot use password key file [%s]: %s; no password is protected or unprotected\n", file, reason);
+}
+
+// The key file's text and the key itself each live in one stack buffer that is wiped
+// before this returns; afterwards the key exists only inside the cipher.
+Cipher cipherFromKeyFile(const char* file) {
+    char text[kKeyFileCapacity];
+    store::fs::SecretFile info;
+    int err = store::fs::readSecretFile(file, text, sizeof text, info);
+    unsigned char key[kKeyLength];
+    bool parsed = !err && parseHexKey(text, info.length, key);
+    explicit_bzero(text, sizeof text);
+    if (err) {
+        reportUnusableKeyFile(file, err == EINVAL ? "not an absolute path to a regular file" : std::strerror(err));
+        return nullptr;
+    }
+    if (!parsed) {
+        reportUnusableKeyFile(file, "it does not hold 64 hex digits");
+        return nullptr;
+    }
+    if (info.othersMayRead) app_log(60, 4, "Password key file [%s] can be read by group or others\n", file);
+    Cipher cipher = keyedCipher(key);
+    explicit_bzero(key, sizeof key);
+    if (!cipher) reportUnusableKeyFile(file, "the cipher cannot be set up");
+    return cipher;
+}
+
+// The cipher of this run, null when there is no usable key. It is set up on first use
+// and kept to the end of the process; a key file is read, and a problem with it
+// reported, once. A different key file (or root) than last time starts over: tests
+// run many roots in one process.
+Gcm* runCipher() {
+    static Cipher cipher;
+    static std::string source;
+    static bool tried = false;
+    const char* file = std::getenv("CFGUPGRADE_PW_KEYFILE");
+    std::string wanted = file ? "file:" + store::fs::physicalPath(file).value_or(file) : "development key";
+    if (tried && wanted == source) return cipher.get();
+    tried = true;
+    source = wanted;
+    cipher = file ? cipherFromKeyFile(file) : keyedCipher(kDevelopmentKey);
+    return cipher.get();
+}
+
+// /dev/urandom is the kernel's generator, like getrandom: a device of this machine,
+// not a file of the phone's, so it is opened as it is, not through the store.
+bool readUrandom(unsigned char* nonce) {
+    int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    ssize_t n;
+    while ((n = read(fd, nonce, kNonceLength)) < 0 && errno == EINTR) {
+    }
+    int err = errno;
+    close(fd);
+    errno = err;
+    return n == static_cast<ssize_t>(kNonceLength);
+}
+
+// The boot must never wait for the entropy pool: early on getrandom would block, so it
+// is asked not to, and /dev/urandom answers then (and on kernels without getrandom).
+// GCM needs nonces that never repeat, which urandom's output gives.
+bool freshNonce(unsigned char* nonce) {
+    ssize_t n;
+    while ((n = getrandom(nonce, kNonceLength, GRND_NONBLOCK)) < 0 && errno == EINTR) {
+    }
+    if (n == static_cast<ssize_t>(kNonceLength)) return true;
+    if (n < 0 && (errno == EAGAIN || errno == ENOSYS)) return readUrandom(nonce);
+    return false;
+}
+
+// Writes the plain text of a protected value into `plain` (kPwDataBufferSize bytes),
+// or returns false with `plain` empty. Anything longer than a protected value can be
+// is rejected before decoding, so nothing here grows with the input.
+bool unprotect(Gcm& gcm, const char* input, char* plain) {
+    plain[0] = '\0';
+    unsigned char sealed[kLongestSealed];
+    std::size_t length = 0;
+    if (std::strlen(input) > kLongestProtected || std::strncmp(input, kPrefix, kPrefixLength) != 0 ||
+        !decodeBase64Url(input + kPrefixLength, sealed, sizeof sealed, length) ||
+        length < kNonceLength + kTagLength)
+        return false;
+    std::size_t n = length - kNonceLength - kTagLength;
+    auto* out = reinterpret_cast<unsigned char*>(plain);
+    bool ok = gcm.open(sealed, sealed + kNonceLength, n, sealed + kNonceLength + n, out);
+    plain[n] = '\0';
+    // A zero byte could not survive the trip through a text.
+    if (ok && std::strlen(plain) == n) return true;
+    explicit_bzero(plain, n);
+    return false;
+}
+
+// Writes the protected form of a non-empty input into `output`. Each failure is traced
+// with its reason, never with the value: the person who set up the phone learns why a
+// value was stored empty.
+bool protect(Gcm& gcm, const char* input, char* output) {
+    std::size_t n = std::strlen(input);
+    if (protectedLength(n) > kLongestProtected) {
+        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: a value of %zu bytes is too long to protect (at most %zu)", n,
+                                  kPwDataLongestPlain);
+        return false;
+    }
+    unsigned char sealed[kLongestSealed];
+    if (!freshNonce(sealed)) {
+        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: no random nonce: %s", std::strerror(errno));
+        return false;
+    }
+    if (!gcm.seal(sealed, reinterpret_cast<const unsigned char*>(input), n, sealed + kNonceLength,
+                  sealed + kNonceLength + n)) {
+        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: the cipher failed");
+        return false;
+    }
+    std::memcpy(output, kPrefix, kPrefixLength);
+    encodeBase64Url(sealed, kNonceLength + n + kTagLength, output + kPrefixLength);
+    return true;
+}
+
+// The translation's test for "already protected", kept here too so that the routine
+// and the translation agree on what needs protecting: a plain text with a byte of
+// 0x80 or above does not count as one of ours.
+bool isPlainAscii(const char* text) {
+    for (; *text; ++text)
+        if (static_cast<unsigned char>(*text) >= 0x80) return false;
+    return true;
+}
+
+bool alreadyProtected(Gcm& gcm, const char* input) {
+    char plain[kPwDataBufferSize];
+    bool ours = unprotect(gcm, input, plain) && isPlainAscii(plain);
+    explicit_bzero(plain, sizeof plain);
+    return ours;
+}
 
 }  // namespace
 
 int pw_data_encrypt(const char* input, char* output) {
     output[0] = '\0';
-    Key key;
-    if (!loadKey(key)) return 1;
-    std::string text;
-    int result = 0;
-    if (unprotect(key, input, text)) {
-        OPENSSL_cleanse(&text[0], text.size());
-        writeText(output, input);
-    } else if (*input == '\0') {
-        // Nothing to hide: an empty password stays visibly empty.
-    } else if (protect(key, input, text)) {
-        writeText(output, text);
-    } else {
-        result = 1;
+    Gcm* gcm = runCipher();
+    if (!gcm) return 1;
+    if (alreadyProtected(*gcm, input)) {
+        std::memcpy(output, input, std::strlen(input) + 1);
+        return 0;
     }
-    OPENSSL_cleanse(key.data(), key.size());
-    return result;
+    // Nothing to hide: an empty password stays visibly empty.
+    if (*input == '\0') return 0;
+    return protect(*gcm, input, output) ? 0 : 1;
 }
 
 int pw_data_decrypt(const char* input, char* output) {
     output[0] = '\0';
-    Key key;
-    if (!loadKey(key)) return 1;
-    std::string plain;
-    bool ok = unprotect(key, input, plain);
-    OPENSSL_cleanse(key.data(), key.size());
-    if (!ok) return 1;
-    writeText(output, plain);
-    OPENSSL_cleanse(&plain[0], plain.size());
-    return 0;
+    Gcm* gcm = runCipher();
+    if (!gcm) return 1;
+    if (unprotect(*gcm, input, output)) return 0;
+    // Plain text failing here is the routine's everyday answer; only a value that looks
+    // protected and does not open (another key, a damaged value) is worth a word.
+    if (std::strncmp(input, kPrefix, kPrefixLength) == 0)
+        ETL_TraceHelper::etlTrace(3, "pw_data_decrypt: a value in the protected form does not open with this key");
+    return 1;
+}
+
+void pw_data_report_key_source() {
+    if (!std::getenv("CFGUPGRADE_PW_KEYFILE"))
+        app_log(60, 4,
+                "CFGUPGRADE_PW_KEYFILE is unset: passwords are protected with the built-in development key, "
+                "which protects nothing\n");
 }

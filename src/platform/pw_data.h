@@ -10,8 +10,11 @@
 // whose protected form fits is kPwDataLongestPlain bytes.
 //
 // Key: CFGUPGRADE_PW_KEYFILE names a file (a path as the phone sees it) holding the
-// 32-byte key as 64 hex digits. Unset or empty, a BUILT-IN DEVELOPMENT KEY is used:
-// it is public, so values protected with it are protected from nobody.
+// 32-byte key as 64 hex digits. Unset, a BUILT-IN DEVELOPMENT KEY is used: it is
+// public, so values protected with it are protected from nobody. A key file that is
+// set but missing, unreadable or malformed makes both routines fail; that is logged
+// once per run (module 60, level 4), as is a key file that group or others may read.
+// The key is read and the cipher set up once per run, on first use.
 #pragma once
 
 #include <cstddef>
@@ -20,11 +23,17 @@ constexpr std::size_t kPwDataBufferSize = 160;
 constexpr std::size_t kPwDataLongestPlain = 88;
 
 // Writes the protected form of `input`. An input that is already protected with the
-// current key is copied unchanged, so a value is never protected twice; the empty
-// text stays empty. Non-zero, with the empty text written, when the protected form
-// would not fit or the key cannot be had.
+// current key, and whose plain text has no byte of 0x80 or above, is copied unchanged,
+// so repeated passes do not protect a value twice; the empty text stays empty.
+// Non-zero, with the empty text written, when the protected form would not fit or
+// the key cannot be had; the reason is traced at level 3, never the value.
 int pw_data_encrypt(const char* input, char* output);
 
 // Writes the plain form of a value protected with the current key. Non-zero, with
 // the empty text written, for anything else: a wrong prefix, bad base64, a failed tag.
+// A value in the protected form that does not open is traced at level 3.
 int pw_data_decrypt(const char* input, char* output);
+
+// Logs the one warning of a run without a key file: the development key is in use.
+// The tool's entry point calls it once per run.
+void pw_data_report_key_source();

@@ -1,5 +1,7 @@
 #include "translate/protect_value.h"
 
+#include <cstring>
+
 #include "platform/pw_data.h"
 
 namespace {
@@ -23,7 +25,13 @@ std::string protectValue(const std::string& value, bool protect, const PasswordR
     if (!protect) return value;
     char buffer[kPwDataBufferSize] = {};
     if (routines.decrypt(value.c_str(), buffer) == 0 && isPlainAscii(buffer)) return value;
-    // The routine cannot protect it (too long, no key): keep the value, never erase it.
-    if (routines.encrypt(value.c_str(), buffer) != 0) return value;
-    return buffer;
+    // The result is not looked at: a routine that cannot protect the value (too long,
+    // no key) writes the empty text and says why itself, and the empty text is stored,
+    // so a value meant to be protected never stays in clear. The buffer is not cleared
+    // again: the routine writes its whole output.
+    routines.encrypt(value.c_str(), buffer);
+    std::string result(buffer, strnlen(buffer, sizeof buffer));
+    // It may hold the plain form of the input from the decrypt attempt.
+    explicit_bzero(buffer, sizeof buffer);
+    return result;
 }

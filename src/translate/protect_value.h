@@ -13,8 +13,8 @@ struct PasswordRoutines {
 const PasswordRoutines& platformPasswordRoutines();
 
 // Without `protect` the value comes back unchanged. With it, a value that is already
-// protected comes back unchanged and any other value as its protected form; a value
-// that cannot be protected (too long for the protected form, no usable key) is kept
-// as it is rather than lost. Logs nothing.
+// protected (it decrypts, to a text without bytes of 0x80 or above) comes back
+// unchanged and any other value as what `encrypt` writes: its protected form, or the
+// empty text when the routine cannot protect it (too long, no usable key). Logs nothing.
 std::string protectValue(const std::string& value, bool protect,
                          const PasswordRoutines& routines = platformPasswordRoutines());

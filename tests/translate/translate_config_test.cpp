@@ -36,10 +36,13 @@ int refuseToEncrypt(const char*, char* output) { output[0] = '\0'; return 1; }
 }  // namespace
 
 TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
-    const std::string longKey(500, 'n'), longValue(700, 'v');
+    const std::string longKey(500, 'n'), longValue(700, 'v'), sealedUtf8 = protectedForm("caf\xc3\xa9");
+    const std::string lockOn = "[PhoneSetting]\nEnLock=1\n[A]\nk=";
     struct Expect { const char* file; std::string key; std::string value; };  // "*v": a protected form of v
-    // The user file, the rule file ("": none), the values after, standard output, the log, the result.
-    struct { std::string user, rules; std::vector<Expect> expect; const char* out; const char* log; bool result; }
+    // The user file, the rule file ("": none), the values after, standard output, the log, the result,
+    // and the password key file (none: the development key).
+    struct { std::string user, rules; std::vector<Expect> expect; const char* out; std::string log; bool result;
+             const char* keyFile = nullptr; }
     cases[] = {
         {"[A]\nk=v\n", "", {{kUser, "k", "v"}}, "",
          "app_log[60/4] The file [/phone/resource/configTranslate.xml] not exist !\n", false},
@@ -78,6 +81,16 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
         {"[A]\n" + longKey + "=" + longValue + "\n",
          R"(<t><r srcFile="/config/user/user.ini" srcSec="A" srcKey=")" + longKey + R"(" dstKey="m"/></t>)",
          {{kUser, "m", longValue}}, "", "", true},
+        // A value whose plain text has a high byte is not taken for protected; one too long to
+        // protect, or with no key to protect it, is stored empty, never in clear.
+        {lockOn + sealedUtf8 + "\nlong=" + std::string(kPwDataLongestPlain + 1, 'x') + "\n",
+         R"(<t><r $ dstKey="k2" dstEncrypt="1"/>
+            <r srcFile="/config/user/user.ini" srcSec="A" srcKey="long" dstKey="k3" dstEncrypt="1"/></t>)",
+         {{kUser, "k2", "*" + sealedUtf8}, {kUser, "k3", ""}}, "",
+         "etlTrace[3] pw_data_encrypt: a value of 89 bytes is too long to protect (at most 88)\n", true},
+        {lockOn + "v\n", R"(<t><r $ dstKey="k2" dstEncrypt="1"/></t>)", {{kUser, "k2", ""}}, "",
+         "app_log[60/4] Cannot use password key file [/etc/none.key]: No such file or directory; no password is "
+         "protected or unprotected\n", true, "/etc/none.key"},
     };
     for (const auto& c : cases) {
         fresh();
@@ -88,9 +101,11 @@ TEST_F(TranslateConfig, RulesByShapeSourceAndLock) {
         for (size_t at; (at = rules.find('$')) != std::string::npos;) rules.replace(at, 1, kSrc);
         if (!rules.empty()) write("/phone/resource/configTranslate.xml", rules);
         bool result = !c.result;
+        if (c.keyFile) setenv("CFGUPGRADE_PW_KEYFILE", c.keyFile, 1);
         testing::internal::CaptureStdout();
         runStep([&] { result = translateConfig(); });
         std::fflush(stdout);
+        unsetenv("CFGUPGRADE_PW_KEYFILE");
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out) << c.rules;
         EXPECT_EQ(result, c.result) << c.rules;
         EXPECT_EQ(log(), c.log) << c.rules;
@@ -106,7 +121,7 @@ TEST(ProtectValueTest, FollowsWhatTheRoutinesSay) {
         {"P()", true, fakeEncrypt, "P()"},
         {"P(caf\xc3\xa9)", true, fakeEncrypt, "P(P(caf\xc3\xa9))"},  // decrypts, but not to a value of ours
         {"secret", true, encryptToNothing, ""},
-        {"too long to protect", true, refuseToEncrypt, "too long to protect"},
+        {"too long to protect", true, refuseToEncrypt, ""},
     };
     for (const auto& c : cases)
         EXPECT_EQ(protectValue(c.input, c.protect, {c.encrypt, fakeDecrypt}), c.expected) << c.input;

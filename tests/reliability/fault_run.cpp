@@ -107,7 +107,8 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     env.push_back("CFGUPGRADE_LOG=" + logFile);
     env.push_back(std::string("LD_PRELOAD=") + CFGUPGRADE_FAULT_SHIM);
     // The sanitizer runtime wants to come first; the shim passes every call on to it.
-    env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+    // LeakSanitizer cannot stop the threads of a process that strace already traces.
+    env.push_back(std::string("ASAN_OPTIONS=verify_asan_link_order=0") + (options.wrapper.empty() ? "" : ":detect_leaks=0"));
     env.push_back("FAULT_REPORT=" + reportFile);
     if (!fault.ops.empty()) {
         env.push_back("FAULT_OPS=" + fault.ops);

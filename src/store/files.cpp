@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -203,10 +204,71 @@ void removeStaleTempFiles(int dir, const std::string& logicalDir) {
     if (removed) syncDirectory(dir);
 }
 
+struct Attribute {
+    std::string name, value;
+};
+
+// Names in a NUL-separated list as flistxattr gives it.
+std::vector<std::string> splitNames(const std::string& list) {
+    std::vector<std::string> names;
+    for (size_t pos = 0; pos < list.size(); pos = list.find('\0', pos) + 1) names.emplace_back(list.c_str() + pos);
+    return names;
+}
+
+int listAttributeNames(int fd, std::vector<std::string>& names) {
+    for (;;) {
+        ssize_t size = flistxattr(fd, nullptr, 0);
+        if (size < 0) return errno == ENOTSUP ? 0 : errno;  // no attributes on this filesystem
+        std::string list(static_cast<size_t>(size), '\0');
+        size = flistxattr(fd, &list[0], list.size());
+        if (size < 0 && errno == ERANGE) continue;  // grew in between
+        if (size < 0) return errno;
+        list.resize(static_cast<size_t>(size));
+        names = splitNames(list);
+        return 0;
+    }
+}
+
+// Every extended attribute of the file: security labels, ACLs, user and trusted data
+// (the last only where this process may see them).
+int readAttributes(int fd, std::vector<Attribute>& attributes) {
+    std::vector<std::string> names;
+    if (int err = listAttributeNames(fd, names)) return err;
+    for (const std::string& name : names) {
+        ssize_t size = fgetxattr(fd, name.c_str(), nullptr, 0);
+        if (size < 0 && errno == ENODATA) continue;  // removed in between
+        if (size < 0) return errno;
+        std::string value(static_cast<size_t>(size), '\0');
+        size = fgetxattr(fd, name.c_str(), &value[0], value.size());
+        if (size < 0) return errno;
+        value.resize(static_cast<size_t>(size));
+        attributes.push_back({name, std::move(value)});
+    }
+    return 0;
+}
+
+// Gives the new file exactly the old file's attributes. One that cannot be set means
+// the file is not replaced: a daemon may no longer be allowed to read it without its
+// label or ACL. What the new file got by default (a directory's default ACL) and the
+// old one lacked is taken away again, as far as it may be.
+int applyAttributes(int fd, const std::vector<Attribute>& attributes) {
+    std::vector<std::string> present;
+    if (listAttributeNames(fd, present) == 0)
+        for (const std::string& name : present) {
+            bool kept = false;
+            for (const Attribute& a : attributes) kept = kept || a.name == name;
+            if (!kept) fremovexattr(fd, name.c_str());
+        }
+    for (const Attribute& a : attributes)
+        if (fsetxattr(fd, a.name.c_str(), a.value.data(), a.value.size(), 0) != 0) return errno;
+    return 0;
+}
+
 // What the replaced file had and the new one must keep.
 struct Kept {
     bool exists = false;
     struct stat st {};
+    std::vector<Attribute> attributes;
 };
 
 // Looks at what the name holds now. A non-file is never written over; a version record
@@ -220,11 +282,11 @@ int examineTarget(const Location& at, Kept& kept, std::string_view bytes, bool& 
     kept.exists = true;
     // Unchanged bytes are not written at all: flash wear, and the mtime stays.
     unchanged = holdsExactly(fd.get(), kept.st, bytes);
-    return 0;
+    return unchanged ? 0 : readAttributes(fd.get(), kept.attributes);
 }
 
 // Replaces the file of `at` with `bytes`: temporary file in the same directory, same
-// mode and owner, data synced, renamed over the name, directory synced. The original
+// owner, mode and extended attributes, data synced, renamed over the name, directory synced. The original
 // is never moved away first, so the name always holds a complete file.
 int replaceFile(const Location& at, const std::string& logical, std::string_view bytes, mode_t newFileMode) {
     Kept kept;
@@ -246,6 +308,8 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
         fchown(fd.get(), kept.st.st_uid, kept.st.st_gid) != 0)
         err = errno;
     if (!err && kept.exists && fchmod(fd.get(), kept.st.st_mode & 07777) != 0) err = errno;
+    // After the mode: an access ACL sets the group bits from its mask, as the old file had them.
+    if (!err && kept.exists) err = applyAttributes(fd.get(), kept.attributes);
     if (!err) err = writeAll(fd.get(), bytes);
     // The data must be on the medium before the rename makes it the file; otherwise a
     // power cut after the rename could leave the name pointing at an empty file.

@@ -381,8 +381,8 @@ std::string canonicalPath(std::string_view logical) {
 }
 
 void reportOnce(const char* what, std::string_view logical, int err) {
-    std::string key = std::string(what) + " " + std::string(logical);
-    if (!root().reported.insert(key).second) return;
+    // One line per path: a file refused for reading is not refused again for writing.
+    if (!root().reported.insert(std::string(logical)).second) return;
     app_log(60, 4, "Cannot %s [%.*s]: %s\n", what, static_cast<int>(logical.size()), logical.data(), describe(err));
 }
 

@@ -69,7 +69,8 @@ std::optional<std::string> physicalPath(std::string_view logical);
 // link is involved. Used to pick a path's area; the resolution itself is the kernel's.
 std::string canonicalPath(std::string_view logical);
 
-// Logs a refusal once per path and run: "Cannot WHAT [PATH]: REASON".
+// Logs a refusal once per path and run: "Cannot WHAT [PATH]: REASON"; later refusals
+// of the same path, for reading or writing, add nothing.
 void reportOnce(const char* what, std::string_view logical, int err);
 
 // Drops the open root and what is known of it (a new root, a new test).

@@ -8,7 +8,8 @@ TEST_F(CaCertSync, CopiesWhatTheConfigurationLacksInDirectoryOrderWithoutAShell)
     const std::string factory = "/phone/factory/certs/phoneca/", config = "/config/certs/phoneca/";
     // A name ending in '/' is a subdirectory; RootA.pem is already in the configuration.
     const std::vector<std::string> names = {"RootA.pem", "RootB.pem", ".hidden.pem", "sub/", "two words", "it's",
-                                            "a;touch x;b", "$(touch x)", "`touch x`", "-rf", "x > y", "%s%n"};
+                                            "a;touch x;b", "$(touch x)", "`touch x`", "-rf", "x > y", "%s%n",
+                                            std::string(255, 'n')};  // the longest name a directory holds
     for (bool configDir : {true, false}) {
         fresh();
         for (const auto& name : names) name.back() == '/' ? makeDir(factory + name) : write(factory + name, name);

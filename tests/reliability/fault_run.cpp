@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -96,7 +97,7 @@ const ShimRecord* ToolRun::find(const std::string& tag) const {
     return nullptr;
 }
 
-ToolRun runTool(const std::string& root, const std::string& mode, const Fault& fault) {
+ToolRun runTool(const std::string& root, const std::string& mode, const Fault& fault, const RunOptions& options) {
     std::string base = root + ".run";
     std::string logFile = base + ".log", reportFile = base + ".report", errFile = base + ".err";
     for (const auto& f : {logFile, reportFile, errFile}) std::remove(f.c_str());
@@ -106,18 +107,31 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     env.push_back("CFGUPGRADE_LOG=" + logFile);
     env.push_back(std::string("LD_PRELOAD=") + CFGUPGRADE_FAULT_SHIM);
     // The sanitizer runtime wants to come first; the shim passes every call on to it.
-    env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+    // LeakSanitizer cannot stop the threads of a process that strace already traces.
+    env.push_back(std::string("ASAN_OPTIONS=verify_asan_link_order=0") + (options.wrapper.empty() ? "" : ":detect_leaks=0"));
     env.push_back("FAULT_REPORT=" + reportFile);
     if (!fault.ops.empty()) {
         env.push_back("FAULT_OPS=" + fault.ops);
         env.push_back("FAULT_AT=" + std::to_string(fault.at));
         env.push_back("FAULT_DO=" + fault.action);
     }
+    env.insert(env.end(), options.env.begin(), options.env.end());
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(&e[0]);
     envp.push_back(nullptr);
-    std::string binary = CFGUPGRADE_BINARY, arg = mode;
-    char* argv[] = {&binary[0], &arg[0], nullptr};
+    std::vector<std::string> args = options.wrapper;
+    args.push_back(CFGUPGRADE_BINARY);
+    args.push_back(mode);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    // The child inherits the limit; the test process has it only while it spawns.
+    rlimit before{};
+    getrlimit(RLIMIT_AS, &before);
+    if (options.addressSpace) {
+        rlimit limited = {options.addressSpace, before.rlim_max};
+        setrlimit(RLIMIT_AS, &limited);
+    }
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -126,8 +140,9 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     ToolRun run;
     pid_t pid;
     int status = 0;
-    if (posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv, envp.data()) == 0 && waitpid(pid, &status, 0) == pid)
-        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    if (options.addressSpace) setrlimit(RLIMIT_AS, &before);
+    if (spawned == 0 && waitpid(pid, &status, 0) == pid) run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     posix_spawn_file_actions_destroy(&actions);
     run.log = readAll(logFile);
     run.errors = readAll(errFile);
@@ -141,6 +156,8 @@ Tree snapshot(const std::string& root) {
         std::string logical = entry.path().string().substr(root.size());
         if (entry.is_symlink())
             tree[logical] = "-> " + fs::read_symlink(entry.path()).string();
+        else if (entry.is_regular_file() && entry.file_size() > (64u << 20))
+            tree[logical] = "(" + std::to_string(entry.file_size()) + " bytes)";
         else if (entry.is_regular_file())
             tree[logical] = canonical(readAll(entry.path()));
     }

@@ -11,7 +11,8 @@
 
 namespace reliability {
 
-// Logical path -> bytes of every regular file under a root; a link reads "-> TARGET".
+// Logical path -> bytes of every regular file under a root; a link reads "-> TARGET",
+// a file over 64 MiB "(N bytes)".
 // A protected value "pw1:TOKEN" reads "pw1(PLAIN)": its bytes differ from run to run.
 using Tree = std::map<std::string, std::string>;
 using State = std::optional<std::string>;  // nullopt: no such file
@@ -40,7 +41,15 @@ struct ToolRun {
     const ShimRecord* find(const std::string& tag) const;
 };
 
-ToolRun runTool(const std::string& root, const std::string& mode, const Fault& fault = {});
+// How the tool is started besides the fault: more environment, a command it runs under
+// (strace), a limit on its address space in bytes (0: none).
+struct RunOptions {
+    std::vector<std::string> env;
+    std::vector<std::string> wrapper;
+    unsigned long addressSpace = 0;
+};
+
+ToolRun runTool(const std::string& root, const std::string& mode, const Fault& fault = {}, const RunOptions& options = {});
 
 Tree snapshot(const std::string& root);
 State stateOf(const Tree& tree, const std::string& path);

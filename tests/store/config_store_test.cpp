@@ -2,6 +2,11 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cstring>
+#include <iostream>
+#include <map>
 
 #include "support/phone_root.h"
 
@@ -138,4 +143,41 @@ TEST_F(StoreTest, PathsNamingOneFileShareItsChanges) {
     EXPECT_EQ(etlGetProfileInt("/config/a.ini", "S", "x", 0), 1);
     store::commit();
     EXPECT_EQ(read("/config/a.ini"), "[S]\nx=1\ny=2\nz=3\n");
+}
+
+// Every extended attribute of a file, by name; ACLs and labels are attributes too.
+static std::map<std::string, std::string> attributesOf(const std::string& path) {
+    std::map<std::string, std::string> out;
+    char names[4096];
+    ssize_t size = llistxattr(path.c_str(), names, sizeof names);
+    for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(std::strlen(names + at)) + 1) {
+        char value[4096];
+        ssize_t n = lgetxattr(path.c_str(), names + at, value, sizeof value);
+        out[names + at] = std::string(value, n > 0 ? static_cast<size_t>(n) : 0);
+    }
+    return out;
+}
+
+TEST_F(StoreTest, ARewriteOrACopyKeepsTheReplacedFilesAttributes) {
+    write(kUser, "[A]\nk=1\n");
+    write("/config/src.cfg", "[S]\nfrom=src\n");
+    write("/config/dst.cfg", "[D]\n");
+    for (const char* target : {kUser, "/config/dst.cfg"}) {
+        std::string path = physical(target);
+        ASSERT_EQ(setxattr(path.c_str(), "user.origin", "phone", 5, 0), 0) << "user attributes: " << std::strerror(errno);
+        if (std::system(("setfacl -m u:nobody:r '" + path + "' 2>/dev/null").c_str()) != 0)
+            std::cout << "[ skipped ] ACL on " << target << ": setfacl is missing or the filesystem has no ACLs\n";
+        if (setxattr(path.c_str(), "security.cfgupgrade", "label", 5, 0) != 0)
+            std::cout << "[ skipped ] security attribute on " << target << ": " << std::strerror(errno) << " (needs root)\n";
+    }
+    setxattr(physical("/config/src.cfg").c_str(), "user.source", "only", 4, 0);
+    auto userBefore = attributesOf(physical(kUser)), dstBefore = attributesOf(physical("/config/dst.cfg"));
+
+    etlSetProfileInt(kUser, "A", "k", 2);
+    EXPECT_TRUE(store::copyFile("/config/dst.cfg", "/config/src.cfg"));
+    EXPECT_TRUE(store::commit());
+    EXPECT_EQ(read(kUser), "[A]\nk=2\n");
+    EXPECT_EQ(read("/config/dst.cfg"), "[S]\nfrom=src\n");
+    EXPECT_EQ(attributesOf(physical(kUser)), userBefore);
+    EXPECT_EQ(attributesOf(physical("/config/dst.cfg")), dstBefore) << "a copy keeps the destination's own";
 }

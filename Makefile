@@ -3,7 +3,7 @@
 # benchmark of docs/performance.md, `make fuzz` runs the fuzz targets for a bounded
 # time. All install what is missing.
 
-PACKAGES := cmake g++ make pkg-config libgtest-dev libpugixml-dev libssl-dev diffutils strace attr acl
+PACKAGES := cmake g++ make pkg-config libgtest-dev libpugixml-dev nettle-dev diffutils strace attr acl
 FUZZ_PACKAGES := clang libclang-rt-dev
 JOBS     ?= $(shell nproc)
 FUZZ_SECONDS ?= 45

@@ -1,18 +1,16 @@
 #include "platform/pw_data.h"
 
 #include <fcntl.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <sys/random.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
+#include "platform/gcm/gcm.h"
 #include "platform/log.h"
 #include "store/files.h"
 #include "store/secret_file.h"
@@ -21,9 +19,9 @@ namespace {
 
 constexpr char kPrefix[] = "pw1:";
 constexpr std::size_t kPrefixLength = sizeof kPrefix - 1;
-constexpr std::size_t kKeyLength = 32;
-constexpr std::size_t kNonceLength = 12;
-constexpr std::size_t kTagLength = 16;
+constexpr std::size_t kKeyLength = Gcm::kKeyLength;
+constexpr std::size_t kNonceLength = Gcm::kNonceLength;
+constexpr std::size_t kTagLength = Gcm::kTagLength;
 constexpr std::size_t kLongestProtected = kPwDataBufferSize - 1;
 
 // Unpadded base64 length of n bytes.
@@ -63,9 +61,12 @@ void encodeBase64Url(const unsigned char* data, std::size_t n, char* text) {
     *text = '\0';
 }
 
+// The value of one base64url character, -1 for any other byte.
 int base64UrlValue(char c) {
-    const char* at = c ? std::strchr(kBase64Url, c) : nullptr;
-    return at ? static_cast<int>(at - kBase64Url) : -1;
+    if (c >= 'A' && c <= 'Z') return c - 'A';
+    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+    if (c >= '0' && c <= '9') return c - '0' + 52;
+    return c == '-' ? 62 : c == '_' ? 63 : -1;
 }
 
 // Strict: only the url alphabet, and only the one spelling the encoder makes (the
@@ -86,58 +87,10 @@ bool decodeBase64Url(const char* text, unsigned char* bytes, std::size_t capacit
     return count != 6 && (bits & ((1u << count) - 1)) == 0;
 }
 
-// AES-256-GCM, keyed once per run: per value only the nonce is set. The prefix is bound
-// in as associated data, so a value cannot be moved under another prefix.
-class Gcm {
-public:
-    Gcm() : ctx_(EVP_CIPHER_CTX_new()) {}
-    ~Gcm() { EVP_CIPHER_CTX_free(ctx_); }  // wipes the key schedule
-    Gcm(const Gcm&) = delete;
-    Gcm& operator=(const Gcm&) = delete;
-
-    bool setKey(const unsigned char* key) {
-        return ctx_ && EVP_CipherInit_ex(ctx_, EVP_aes_256_gcm(), nullptr, key, nullptr, 1) == 1;
-    }
-
-    // out gets n bytes of cipher text, tag the tag.
-    bool seal(const unsigned char* nonce, const unsigned char* plain, std::size_t n, unsigned char* out,
-              unsigned char* tag) {
-        int len = 0;
-        return start(nonce, 1) && EVP_EncryptUpdate(ctx_, out, &len, plain, static_cast<int>(n)) == 1 &&
-               EVP_EncryptFinal_ex(ctx_, out + len, &len) == 1 &&
-               EVP_CIPHER_CTX_ctrl(ctx_, EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagLength), tag) == 1;
-    }
-
-    // The reverse of seal; false when the tag does not match.
-    bool open(const unsigned char* nonce, const unsigned char* sealed, std::size_t n, const unsigned char* tag,
-              unsigned char* out) {
-        int len = 0;
-        return start(nonce, 0) && EVP_DecryptUpdate(ctx_, out, &len, sealed, static_cast<int>(n)) == 1 &&
-               EVP_CIPHER_CTX_ctrl(ctx_, EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagLength),
-                                   const_cast<unsigned char*>(tag)) == 1 &&
-               EVP_DecryptFinal_ex(ctx_, out + len, &len) == 1;
-    }
-
-private:
-    bool start(const unsigned char* nonce, int encrypt) {
-        int len = 0;
-        return EVP_CipherInit_ex(ctx_, nullptr, nullptr, nullptr, nonce, encrypt) == 1 &&
-               EVP_CipherUpdate(ctx_, nullptr, &len, reinterpret_cast<const unsigned char*>(kPrefix),
-                                static_cast<int>(kPrefixLength)) == 1;
-    }
-
-    EVP_CIPHER_CTX* ctx_;
-};
-
 using Cipher = std::unique_ptr<Gcm>;
 
-// Only the one cipher is needed: the host's OpenSSL configuration file, which may load
-// providers and modules, is never read.
-Cipher keyedCipher(const unsigned char* key) {
-    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) != 1) return nullptr;
-    auto cipher = std::make_unique<Gcm>();
-    return cipher->setKey(key) ? std::move(cipher) : nullptr;
-}
+// The prefix is bound in as associated data, so a value cannot be moved under another.
+const auto* const kBoundData = reinterpret_cast<const unsigned char*>(kPrefix);
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -184,7 +137,7 @@ Cipher cipherFromKeyFile(const char* file) {
         return nullptr;
     }
     if (info.othersMayRead) app_log(60, 4, "Password key file [%s] can be read by group or others\n", file);
-    Cipher cipher = keyedCipher(key);
+    Cipher cipher = Gcm::create(key);
     explicit_bzero(key, sizeof key);
     if (!cipher) reportUnusableKeyFile(file, "the cipher cannot be set up");
     return cipher;
@@ -203,7 +156,7 @@ Gcm* runCipher() {
     if (tried && wanted == source) return cipher.get();
     tried = true;
     source = wanted;
-    cipher = file ? cipherFromKeyFile(file) : keyedCipher(kDevelopmentKey);
+    cipher = file ? cipherFromKeyFile(file) : Gcm::create(kDevelopmentKey);
     return cipher.get();
 }
 
@@ -246,7 +199,7 @@ bool unprotect(Gcm& gcm, const char* input, char* plain) {
         return false;
     std::size_t n = length - kNonceLength - kTagLength;
     auto* out = reinterpret_cast<unsigned char*>(plain);
-    bool ok = gcm.open(sealed, sealed + kNonceLength, n, sealed + kNonceLength + n, out);
+    bool ok = gcm.open(sealed, kBoundData, kPrefixLength, sealed + kNonceLength, n, sealed + kNonceLength + n, out);
     plain[n] = '\0';
     // A zero byte could not survive the trip through a text.
     if (ok && std::strlen(plain) == n) return true;
@@ -269,8 +222,8 @@ bool protect(Gcm& gcm, const char* input, char* output) {
         ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: no random nonce: %s", std::strerror(errno));
         return false;
     }
-    if (!gcm.seal(sealed, reinterpret_cast<const unsigned char*>(input), n, sealed + kNonceLength,
-                  sealed + kNonceLength + n)) {
+    if (!gcm.seal(sealed, kBoundData, kPrefixLength, reinterpret_cast<const unsigned char*>(input), n,
+                  sealed + kNonceLength, sealed + kNonceLength + n)) {
         ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: the cipher failed");
         return false;
     }

@@ -42,6 +42,9 @@ struct ToolRun {
 
 ToolRun runTool(const std::string& root, const std::string& mode, const Fault& fault = {});
 
+// Why faults cannot be injected into this build's tool, or nullptr when they can.
+const char* faultInjectionUnavailable();
+
 Tree snapshot(const std::string& root);
 State stateOf(const Tree& tree, const std::string& path);
 bool isTempName(const std::string& path);

@@ -10,11 +10,12 @@ CRYPTO_DEV := libssl-dev
 LIB_DEV  := libgtest-dev libpugixml-dev $(CRYPTO_DEV)
 PACKAGES := cmake g++ make pkg-config $(LIB_DEV) diffutils
 FUZZ_PACKAGES := clang libclang-rt-dev
+LINT_PACKAGES := mandoc
 JOBS     ?= $(shell nproc)
 ARCH     ?= armhf
 FUZZ_SECONDS ?= 45
 
-.PHONY: all deps fuzz-deps build demo test cross-test bench bench-smoke fuzz clean
+.PHONY: all deps fuzz-deps build demo test cross-test check-install bench bench-smoke fuzz clean
 
 all: build
 
@@ -67,6 +68,16 @@ cross-test: deps
 	cmake --build build-$(ARCH) -j $(JOBS); \
 	cd build-$(ARCH) && ctest --output-on-failure -j $(JOBS); \
 	awk '/: Skipped$$/ { getline; print "skipped:", $$0 }' Testing/Temporary/LastTest.log | sort | uniq -c
+
+# The man page lints clean, and an install staged in a DESTDIR puts the tool in sbin
+# and its page in section 8.
+check-install: build
+	$(call install_missing,$(LINT_PACKAGES))
+	mandoc -T lint -W style man/cfgupgrade.8
+	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \
+	DESTDIR=$$stage cmake --install build --prefix /usr >/dev/null && \
+	test -x $$stage/usr/sbin/cfgupgrade && test -s $$stage/usr/share/man/man8/cfgupgrade.8 && \
+	echo "check-install: $$(cd $$stage && find . -type f | sort | tr '\n' ' ')"
 
 # Every libFuzzer target (clang, ASan, UBSan) for FUZZ_SECONDS each, two at a time.
 fuzz: fuzz-deps

@@ -106,8 +106,7 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     env.push_back("CFGUPGRADE_ROOT=" + root);
     env.push_back("CFGUPGRADE_LOG=" + logFile);
     // Under qemu-user the shim must reach the emulated tool, not the emulator itself.
-    const bool emulated = toolCommand().size() > 1;
-    env.push_back(std::string(emulated ? "QEMU_SET_ENV=" : "") + "LD_PRELOAD=" + CFGUPGRADE_FAULT_SHIM);
+    env.push_back(std::string(toolIsEmulated() ? "QEMU_SET_ENV=" : "") + "LD_PRELOAD=" + CFGUPGRADE_FAULT_SHIM);
     // The sanitizer runtime wants to come first; the shim passes every call on to it.
     env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
     env.push_back("FAULT_REPORT=" + reportFile);
@@ -146,7 +145,7 @@ const char* faultInjectionUnavailable() {
     // The shim does reach the emulated tool, but faults are injected in native builds
     // only (make test): system-call tracing, which is to replace the shim, sees qemu's
     // calls rather than the tool's, and the fault runs would triple the cross test.
-    if (toolCommand().size() > 1) return "under qemu-user faults are injected in native builds only (make test)";
+    if (toolIsEmulated()) return "under qemu-user faults are injected in native builds only (make test)";
     return nullptr;
 }
 

@@ -27,6 +27,9 @@ inline std::vector<std::string> toolCommand() {
     return words;
 }
 
+// A cross build's tests run the tool under an emulator.
+inline bool toolIsEmulated() { return *CFGUPGRADE_EMULATOR != '\0'; }
+
 class PhoneRoot : public ::testing::Test {
 protected:
     void SetUp() override {

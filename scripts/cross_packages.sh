@@ -75,6 +75,5 @@ for p in "${libs[@]}"; do
 done
 
 if ! out=$(apt_get install -y -qq --no-install-recommends "${requests[@]}" 2>&1); then
-  echo "$out" | tail -5 >&2
-  unavailable "apt-get install ${requests[*]} failed"
+  unavailable "apt-get install ${requests[*]}: $(echo "$out" | grep '^E:' | tail -1)"
 fi

@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "platform/pw_data.h"
+#include "support/phone_root.h"
 
 extern char** environ;
 
@@ -105,7 +106,8 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     std::vector<std::string> env = cleanEnvironment();
     env.push_back("CFGUPGRADE_ROOT=" + root);
     env.push_back("CFGUPGRADE_LOG=" + logFile);
-    env.push_back(std::string("LD_PRELOAD=") + CFGUPGRADE_FAULT_SHIM);
+    // Under qemu-user the shim must reach the emulated tool, not the emulator itself.
+    env.push_back(std::string(toolIsEmulated() ? "QEMU_SET_ENV=" : "") + "LD_PRELOAD=" + CFGUPGRADE_FAULT_SHIM);
     // The sanitizer runtime wants to come first; the shim passes every call on to it.
     // LeakSanitizer cannot stop the threads of a process that strace already traces.
     env.push_back(std::string("ASAN_OPTIONS=verify_asan_link_order=0") + (options.wrapper.empty() ? "" : ":detect_leaks=0"));
@@ -119,8 +121,9 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(&e[0]);
     envp.push_back(nullptr);
+    // A wrapper (strace) goes before the tool, and the tool itself may need its emulator.
     std::vector<std::string> args = options.wrapper;
-    args.push_back(CFGUPGRADE_BINARY);
+    for (const std::string& word : toolCommand()) args.push_back(word);
     args.push_back(mode);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
@@ -148,6 +151,15 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     run.errors = readAll(errFile);
     run.records = parseRecords(readAll(reportFile));
     return run;
+}
+
+const char* faultInjectionUnavailable() {
+    if (CFGUPGRADE_STATIC_TOOL) return "the tool is linked statically: the fault shim cannot be preloaded into it";
+    // The shim does reach the emulated tool, but faults are injected in native builds
+    // only (make test): system-call tracing, which is to replace the shim, sees qemu's
+    // calls rather than the tool's, and the fault runs would triple the cross test.
+    if (toolIsEmulated()) return "under qemu-user faults are injected in native builds only (make test)";
+    return nullptr;
 }
 
 Tree snapshot(const std::string& root) {

@@ -51,6 +51,9 @@ struct RunOptions {
 
 ToolRun runTool(const std::string& root, const std::string& mode, const Fault& fault = {}, const RunOptions& options = {});
 
+// Why faults cannot be injected into this build's tool, or nullptr when they can.
+const char* faultInjectionUnavailable();
+
 Tree snapshot(const std::string& root);
 State stateOf(const Tree& tree, const std::string& path);
 bool isTempName(const std::string& path);

@@ -42,6 +42,7 @@ std::vector<std::string> checkCut(const Tree& now, const std::map<std::string, s
 class PowerCut : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(PowerCut, EveryCutLeavesWholeFilesAndTheNextRunFinishesTheJob) {
+    if (const char* why = faultInjectionUnavailable()) GTEST_SKIP() << why;
     const std::string variant = GetParam(), mode = modeOf(variant);
     WorkDir work;
     const std::string start = work.path("start"), run = work.path("run");

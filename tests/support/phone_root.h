@@ -17,6 +17,19 @@
 #include "platform/pw_data.h"
 #include "store/config_store.h"
 
+// The words that start the tool: the binary, behind the emulator in a cross build
+// (CMake's CMAKE_CROSSCOMPILING_EMULATOR, split at blanks).
+inline std::vector<std::string> toolCommand() {
+    std::vector<std::string> words;
+    std::istringstream emulator(CFGUPGRADE_EMULATOR);
+    for (std::string word; emulator >> word;) words.push_back(word);
+    words.push_back(CFGUPGRADE_BINARY);
+    return words;
+}
+
+// A cross build's tests run the tool under an emulator.
+inline bool toolIsEmulated() { return *CFGUPGRADE_EMULATOR != '\0'; }
+
 class PhoneRoot : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -66,7 +79,8 @@ protected:
 
     // Runs the cfgupgrade binary on this root (its output discarded); its exit status.
     int runTool(const std::vector<std::string>& args) {
-        std::string command = CFGUPGRADE_BINARY;
+        std::string command;
+        for (const auto& word : toolCommand()) command += word + " ";
         for (const auto& arg : args) command += " '" + arg + "'";
         int status = std::system((command + " >/dev/null").c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -246,14 +246,7 @@ bool removeFile(const std::string& logical) {
     return fs::removeFile(logical);
 }
 
-bool readFile(const std::string& logical, std::string& bytes, fs::FileKind kind) {
-    std::string scratch;
-    if (const std::string* pending = pendingBytes(logical, scratch)) {
-        bytes = *pending;
-        return true;
-    }
-    return fs::readFile(logical, bytes, kind) == 0;
-}
+bool readFile(const std::string& logical, std::string& bytes) { return readBytes(logical, bytes, fs::FileKind::kCopy); }
 
 bool mayWrite(const std::string& logical) { return fs::mayWrite(logical); }
 

@@ -1,0 +1,182 @@
+// Golden phone images. Each directory of tests/golden/cases is one case: its file "case"
+// names the images it starts from (tests/golden/images, copied in order, then the case's
+// own "plant" directory), shell lines that make what a repository cannot hold ("setup":
+// FIFOs, sparse files, attributes), the tool's arguments and how it is started. The tool
+// runs twice; "N.txt" says what run N printed, logged and changed, and "N/" holds the bytes
+// of every file it changed. Every case runs once with openat2 and once with the component
+// walk of older kernels, with the same expectations. CFGUPGRADE_GOLDEN=update rewrites the
+// expectations from what the tool does: read that diff before committing it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "support/tool_run.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+const std::string kGolden = CFGUPGRADE_TESTS "/golden";
+
+struct Case {
+    std::vector<std::string> images, setup;
+    tool::Options options;
+};
+
+Case readCase(const std::string& name) {
+    Case c;
+    std::istringstream in(tool::slurp(kGolden + "/cases/" + name + "/case"));
+    for (std::string line; std::getline(in, line);) {
+        size_t blank = line.find(' ');
+        std::string word = line.substr(0, blank), rest = blank == std::string::npos ? "" : line.substr(blank + 1);
+        std::istringstream restWords(rest);
+        std::vector<std::string> words{std::istream_iterator<std::string>(restWords), {}};
+        if (word == "image") c.images = words;
+        if (word == "args") c.options.args = words;
+        if (word == "env") c.options.env.push_back(rest);
+        if (word == "setup") c.setup.push_back(rest);
+        if (word == "wrap") c.options.wrap = words;
+        if (word == "limit") c.options.addressSpace = std::stoul(rest);
+        if (word == "streams")
+            c.options.streams = rest == "closed" ? tool::Streams::kClosed
+                                : rest == "full-pipes" ? tool::Streams::kFullPipes : tool::Streams::kClosedPipes;
+    }
+    return c;
+}
+
+// Copies a tree over the root: links stay links, files are 0644 whatever the checkout made them.
+void plant(const std::string& from, const std::string& root) {
+    if (!fs::exists(from)) return;
+    for (const auto& entry : fs::recursive_directory_iterator(from)) {
+        std::string to = root + entry.path().string().substr(from.size());
+        if (entry.is_directory() && !entry.is_symlink()) {
+            fs::create_directories(to);
+            continue;
+        }
+        fs::remove(to);
+        if (entry.is_symlink()) fs::copy_symlink(entry.path(), to);
+        else fs::copy_file(entry.path(), to), fs::permissions(to, fs::perms(0644));
+    }
+}
+
+// A stable fingerprint for files too big to keep as expectations (FNV-1a).
+std::string fingerprint(const std::string& bytes) {
+    unsigned long long h = 14695981039346656037ull;
+    for (unsigned char c : bytes) h = (h ^ c) * 1099511628211ull;
+    return std::to_string(bytes.size()) + " bytes, fingerprint " + std::to_string(h);
+}
+
+// The log as the tool wrote it, but for the binary's path and the certificate lines: the
+// sync copies in directory order, which each filesystem chooses, so each certificate's
+// lines (its "Sync cert" line and the store's lines about it) are sorted as a group.
+std::string canonicalLog(const std::string& log) {
+    std::vector<std::string> lines, groups;
+    std::istringstream in(log);
+    for (std::string line; std::getline(in, line);) {
+        for (size_t at; (at = line.find(CFGUPGRADE_BINARY)) != std::string::npos;) line.replace(at, sizeof CFGUPGRADE_BINARY - 1, "cfgupgrade");
+        bool opens = line.find("Sync cert cp") != std::string::npos;
+        if (!groups.empty() && (opens || line.find("[/phone/factory/certs/") != std::string::npos))
+            opens ? groups.push_back(line + "\n") : void(groups.back() += line + "\n");
+        else if (opens) groups = {line + "\n"};
+        else {
+            std::sort(groups.begin(), groups.end());
+            lines.insert(lines.end(), groups.begin(), groups.end());
+            groups.clear();
+            lines.push_back(line + "\n");
+        }
+    }
+    std::sort(groups.begin(), groups.end());
+    lines.insert(lines.end(), groups.begin(), groups.end());
+    std::string out;
+    for (const auto& line : lines) out += line;
+    return out;
+}
+
+// What a run did, as "N.txt" says it; `files` gets the bytes of each file it changed.
+std::string summary(const tool::Run& run, const tool::Tree& before, const tool::Tree& after,
+                    std::map<std::string, std::string>& files) {
+    std::string changes;
+    for (const auto& [path, entry] : after) {
+        auto was = before.find(path);
+        if (was != before.end() && was->second == entry) continue;
+        changes += (was == before.end() ? "created " : "changed ") + path + " " + entry.kind;
+        if (entry.bytes.size() > (64 << 10)) changes += ", " + fingerprint(entry.bytes);
+        else if (entry.kind.rfind("file", 0) == 0) files[path] = entry.bytes;
+        changes += "\n";
+    }
+    for (const auto& [path, entry] : before)
+        if (!after.count(path)) changes += "removed " + path + "\n";
+    return "exit " + std::to_string(run.status) + "\n--- standard output\n" + run.out + "--- log\n" +
+           canonicalLog(run.log) + "--- changes\n" + changes;
+}
+
+std::map<std::string, std::string> expectedFiles(const std::string& dir) {
+    std::map<std::string, std::string> files;
+    if (fs::exists(dir))
+        for (const auto& entry : fs::recursive_directory_iterator(dir))
+            if (entry.is_regular_file()) files[entry.path().string().substr(dir.size())] = tool::slurp(entry.path());
+    return files;
+}
+
+void writeExpected(const std::string& dir, const std::string& text, const std::map<std::string, std::string>& files) {
+    std::ofstream(dir + ".txt", std::ios::binary) << text;
+    fs::remove_all(dir);
+    for (const auto& [path, bytes] : files) {
+        fs::create_directories(fs::path(dir + path).parent_path());
+        std::ofstream(dir + path, std::ios::binary) << bytes;
+    }
+}
+
+std::vector<std::string> caseNames() {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(kGolden + "/cases")) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+#ifdef __SANITIZE_ADDRESS__
+const bool kSanitized = true;
+#else
+const bool kSanitized = false;
+#endif
+
+}  // namespace
+
+class Golden : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(Golden, EachRunEndsInItsExpectedTree) {
+    const std::string dir = kGolden + "/cases/" + GetParam();
+    Case c = readCase(GetParam());
+    if (!c.options.wrap.empty() && (tool::emulated() || std::system("strace -o /dev/null true >/dev/null 2>&1") != 0))
+        GTEST_SKIP() << "needs strace tracing the tool itself (make test installs it; not under an emulator)";
+    if (c.options.addressSpace && kSanitized) GTEST_SKIP() << "the sanitizer runtime needs more address space than the limit";
+    const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
+    for (bool walk : {false, true}) {
+        tool::WorkDir work;
+        for (const auto& image : c.images) plant(kGolden + "/images/" + image, work.root());
+        plant(dir + "/plant", work.root());
+        for (const auto& line : c.setup)
+            if (std::system(("cd '" + work.root() + "' && { " + line + "; } >/dev/null 2>&1").c_str()) != 0)
+                GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature): " << line;
+        tool::Options options = c.options;
+        if (walk) options.env.push_back("CFGUPGRADE_NO_OPENAT2=1");
+        tool::Tree before = tool::snapshot(work.path);
+        for (int n = 1; n <= 2; ++n) {
+            const std::string expected = dir + "/" + std::to_string(n), how = walk ? " (walk)" : " (openat2)";
+            tool::Run run = tool::run(work.path, options);
+            tool::Tree after = tool::snapshot(work.path);
+            std::map<std::string, std::string> files;
+            std::string text = summary(run, before, after, files);
+            if (update && !walk) writeExpected(expected, text, files);
+            EXPECT_EQ(text, tool::slurp(expected + ".txt")) << "run " << n << how;
+            EXPECT_EQ(files, expectedFiles(expected)) << "run " << n << how;
+            before = after;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, Golden, ::testing::ValuesIn(caseNames()), [](const auto& info) {
+    std::string name = info.param;
+    std::replace_if(name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
+    return name;
+});

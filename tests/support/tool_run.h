@@ -1,0 +1,203 @@
+// Runs the cfgupgrade binary on a phone root and reads back what it left: the files
+// under the root (and beside it, where links may lead), its log and its output.
+//
+// A work directory holds the root ("root") and the run's "log" and "out". Trees show
+// protected values by what they protect ("pw1(PLAIN)"; "pw1(?)" when the test's key
+// cannot open them), since each protection draws a fresh nonce.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/pw_data.h"
+
+extern char** environ;
+
+namespace tool {
+
+namespace fs = std::filesystem;
+
+// The words that start the tool: the binary, behind the emulator in a cross build
+// (CMake's CMAKE_CROSSCOMPILING_EMULATOR, split at blanks).
+inline std::vector<std::string> command() {
+    std::vector<std::string> words;
+    std::istringstream emulator(CFGUPGRADE_EMULATOR);
+    for (std::string word; emulator >> word;) words.push_back(word);
+    words.push_back(CFGUPGRADE_BINARY);
+    return words;
+}
+
+inline bool emulated() { return *CFGUPGRADE_EMULATOR != '\0'; }
+
+inline std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A fresh directory, removed with the object.
+struct WorkDir {
+    std::string path;
+    WorkDir() {
+        char pattern[] = "/tmp/cfgupgrade-test-XXXXXX";
+        path = mkdtemp(pattern) ? pattern : "";
+        fs::create_directories(path + "/root/tmp");
+    }
+    ~WorkDir() {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+    }
+    std::string root() const { return path + "/root"; }
+};
+
+// How the tool is started: its arguments, more environment, a command it runs under
+// (strace), a limit on its address space, and what its output streams are.
+enum class Streams { kFiles, kClosedPipes, kFullPipes, kClosed };
+struct Options {
+    std::vector<std::string> args, env, wrap;
+    unsigned long addressSpace = 0;
+    Streams streams = Streams::kFiles;
+};
+
+struct Run {
+    int status = -1;  // the exit status; 128 + N when signal N ended it; -1 when it hung
+    std::string log, out;
+};
+
+// The child's side: streams, limit, environment, then the tool in the root.
+[[noreturn]] inline void startTool(const std::string& work, const Options& o, int pipeEnd) {
+    if (o.streams == Streams::kFiles) {
+        dup2(open((work + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+        dup2(open((work + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    } else if (o.streams == Streams::kClosed) {
+        close(1), close(2);
+    } else {
+        dup2(pipeEnd, 1), dup2(pipeEnd, 2);
+    }
+    if (o.addressSpace) {
+        rlimit limit = {o.addressSpace, o.addressSpace};
+        setrlimit(RLIMIT_AS, &limit);
+    }
+    std::vector<std::string> env = {"CFGUPGRADE_ROOT=" + work + "/root"};
+    if (o.streams == Streams::kFiles) env.push_back("CFGUPGRADE_LOG=" + work + "/log");
+    // LeakSanitizer cannot stop a process that strace traces.
+    if (!o.wrap.empty()) env.push_back("ASAN_OPTIONS=detect_leaks=0");
+    for (char** e = environ; *e; ++e)
+        if (std::string(*e).rfind("CFGUPGRADE_", 0) != 0 && std::string(*e).rfind("ASAN_OPTIONS=", 0) != 0) env.push_back(*e);
+    env.insert(env.end(), o.env.begin(), o.env.end());
+    std::vector<std::string> words = o.wrap;
+    for (const auto& w : command()) words.push_back(w);
+    words.insert(words.end(), o.args.begin(), o.args.end());
+    std::vector<char*> argv, envp;
+    for (auto& w : words) argv.push_back(&w[0]);
+    for (auto& e : env) envp.push_back(&e[0]);
+    argv.push_back(nullptr), envp.push_back(nullptr);
+    umask(022);
+    if (chdir((work + "/root").c_str()) == 0) execvpe(argv[0], argv.data(), envp.data());
+    _exit(127);
+}
+
+inline Run run(const std::string& work, const Options& o = {}) {
+    fs::remove(work + "/log");
+    int ends[2] = {-1, -1};
+    if (o.streams == Streams::kClosedPipes || o.streams == Streams::kFullPipes) {
+        if (pipe(ends) != 0) return {};
+        if (o.streams == Streams::kClosedPipes) close(ends[0]), ends[0] = -1;
+        // Filled without blocking, then handed over blocking, as a shell would.
+        std::string chunk(4096, 'x');
+        fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        while (o.streams == Streams::kFullPipes && write(ends[1], chunk.data(), chunk.size()) > 0) {
+        }
+        fcntl(ends[1], F_SETFL, 0);
+    }
+    pid_t pid = fork();
+    if (pid == 0) startTool(work, o, ends[1]);
+    close(ends[1]);
+    Run result;
+    int status = 0;
+    for (int waited = 0; waited < 6000; ++waited, usleep(10000))
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            break;
+        }
+    if (result.status == -1) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+    if (ends[0] >= 0) close(ends[0]);
+    result.log = slurp(work + "/log");
+    result.out = slurp(work + "/out");
+    return result;
+}
+
+// "pw1:TOKEN" reads "pw1(PLAIN)", or "pw1(?)" when the token does not open.
+inline std::string canonical(std::string bytes) {
+    const char* tokenChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    for (size_t at = bytes.find("pw1:"); at != std::string::npos; at = bytes.find("pw1:", at + 1)) {
+        size_t length = bytes.find_first_not_of(tokenChars, at + 4);
+        length = (length == std::string::npos ? bytes.size() : length) - at;
+        char plain[kPwDataBufferSize] = {};
+        bool opens = length < kPwDataBufferSize && pw_data_decrypt(bytes.substr(at, length).c_str(), plain) == 0;
+        bytes.replace(at, length, "pw1(" + std::string(opens ? plain : "?") + ")");
+    }
+    return bytes;
+}
+
+// One entry of a tree: what it is ("file 0600 user.a=b", "link TARGET", "other") and,
+// for a file, its bytes.
+struct Entry {
+    std::string kind, bytes;
+    bool operator==(const Entry& o) const { return kind == o.kind && bytes == o.bytes; }
+    bool operator!=(const Entry& o) const { return !(*this == o); }
+};
+using Tree = std::map<std::string, Entry>;
+
+inline std::string attributes(const std::string& path) {
+    char names[4096], value[4096];
+    std::string out;
+    ssize_t size = llistxattr(path.c_str(), names, sizeof names);
+    for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(strlen(names + at)) + 1) {
+        ssize_t n = lgetxattr(path.c_str(), names + at, value, sizeof value);
+        out += " " + std::string(names + at) + "=";
+        for (ssize_t i = 0; i < n; ++i) out += isgraph(value[i]) ? std::string(1, value[i]) : "\\" + std::to_string(value[i] & 0xff);
+    }
+    return out;
+}
+
+// Everything in the work directory but the run's own files, by path as the phone
+// sees it ("/config/a.ini"; a file beside the root is "/../victim.ini"). Files over
+// 64 MiB (sparse ones) show their size only.
+inline Tree snapshot(const std::string& work) {
+    Tree tree;
+    for (auto it = fs::recursive_directory_iterator(work); it != fs::recursive_directory_iterator(); ++it) {
+        std::string path = it->path().string(), name = path.substr(work.size());
+        if (name == "/log" || name == "/out" || name == "/err" || it->is_directory()) continue;
+        name = name.rfind("/root/", 0) == 0 ? name.substr(5) : "/.." + name;
+        struct stat st {};
+        lstat(path.c_str(), &st);
+        char mode[8];
+        snprintf(mode, sizeof mode, "%04o", st.st_mode & 07777);
+        if (S_ISLNK(st.st_mode)) {
+            std::string target = fs::read_symlink(path).string();
+            if (target.rfind(work, 0) == 0) target = "WORK" + target.substr(work.size());
+            tree[name] = {"link " + target, ""};
+        } else if (!S_ISREG(st.st_mode)) {
+            tree[name] = {"other", ""};
+        } else {
+            tree[name] = {"file " + std::string(mode) + attributes(path),
+                          st.st_size > (64 << 20) ? std::to_string(st.st_size) + " bytes" : canonical(slurp(path))};
+        }
+    }
+    return tree;
+}
+
+}  // namespace tool

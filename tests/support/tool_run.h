@@ -152,11 +152,27 @@ inline std::string canonical(std::string bytes) {
     return bytes;
 }
 
-// One entry of a tree: what it is ("file 0600 user.a=b", "link TARGET", "other") and,
-// for a file, its bytes.
+// Copies a tree over the root: links stay links, files are 0644 whatever the checkout made them.
+inline void plant(const std::string& from, const std::string& root) {
+    if (!fs::exists(from)) return;
+    for (const auto& entry : fs::recursive_directory_iterator(from)) {
+        std::string to = root + entry.path().string().substr(from.size());
+        if (entry.is_directory() && !entry.is_symlink()) {
+            fs::create_directories(to);
+            continue;
+        }
+        fs::remove(to);
+        if (entry.is_symlink()) fs::copy_symlink(entry.path(), to);
+        else fs::copy_file(entry.path(), to), fs::permissions(to, fs::perms(0644));
+    }
+}
+
+// One entry of a tree: what it is ("file 0600 user.a=b", "link TARGET", "other"), for a
+// file its bytes, and its inode: a file written again with the same bytes is a change too.
 struct Entry {
     std::string kind, bytes;
-    bool operator==(const Entry& o) const { return kind == o.kind && bytes == o.bytes; }
+    ino_t inode = 0;
+    bool operator==(const Entry& o) const { return kind == o.kind && bytes == o.bytes && inode == o.inode; }
     bool operator!=(const Entry& o) const { return !(*this == o); }
 };
 using Tree = std::map<std::string, Entry>;
@@ -180,7 +196,7 @@ inline Tree snapshot(const std::string& work) {
     Tree tree;
     for (auto it = fs::recursive_directory_iterator(work); it != fs::recursive_directory_iterator(); ++it) {
         std::string path = it->path().string(), name = path.substr(work.size());
-        if (name == "/log" || name == "/out" || name == "/err" || it->is_directory()) continue;
+        if (name == "/log" || name == "/out" || name == "/err" || name == "/trace" || it->is_directory()) continue;
         name = name.rfind("/root/", 0) == 0 ? name.substr(5) : "/.." + name;
         struct stat st {};
         lstat(path.c_str(), &st);
@@ -194,7 +210,7 @@ inline Tree snapshot(const std::string& work) {
             tree[name] = {"other", ""};
         } else {
             tree[name] = {"file " + std::string(mode) + attributes(path),
-                          st.st_size > (64 << 20) ? std::to_string(st.st_size) + " bytes" : canonical(slurp(path))};
+                          st.st_size > (64 << 20) ? std::to_string(st.st_size) + " bytes" : canonical(slurp(path)), st.st_ino};
         }
     }
     return tree;

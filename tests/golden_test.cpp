@@ -55,25 +55,21 @@ std::string fingerprint(const std::string& bytes) {
 // sync copies in directory order, which each filesystem chooses, so each certificate's
 // lines (its "Sync cert" line and the store's lines about it) are sorted as a group.
 std::string canonicalLog(const std::string& log) {
-    std::vector<std::string> lines, groups;
+    std::string out;
+    std::vector<std::string> groups;
+    auto flush = [&] {
+        std::sort(groups.begin(), groups.end());
+        for (const auto& group : groups) out += group;
+        groups.clear();
+    };
     std::istringstream in(log);
     for (std::string line; std::getline(in, line);) {
         for (size_t at; (at = line.find(CFGUPGRADE_BINARY)) != std::string::npos;) line.replace(at, sizeof CFGUPGRADE_BINARY - 1, "cfgupgrade");
-        bool opens = line.find("Sync cert cp") != std::string::npos;
-        if (!groups.empty() && (opens || line.find("[/phone/factory/certs/") != std::string::npos))
-            opens ? groups.push_back(line + "\n") : void(groups.back() += line + "\n");
-        else if (opens) groups = {line + "\n"};
-        else {
-            std::sort(groups.begin(), groups.end());
-            lines.insert(lines.end(), groups.begin(), groups.end());
-            groups.clear();
-            lines.push_back(line + "\n");
-        }
+        if (line.find("Sync cert cp") != std::string::npos) groups.push_back(line + "\n");
+        else if (!groups.empty() && line.find("[/phone/factory/certs/") != std::string::npos) groups.back() += line + "\n";
+        else flush(), out += line + "\n";
     }
-    std::sort(groups.begin(), groups.end());
-    lines.insert(lines.end(), groups.begin(), groups.end());
-    std::string out;
-    for (const auto& line : lines) out += line;
+    flush();
     return out;
 }
 

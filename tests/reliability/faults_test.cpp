@@ -59,8 +59,8 @@ struct Fault {
 };
 
 // Each call the writer and the readers make, failing with what a full, broken or
-// read-only disk gives; and the cuts: before every fsync (so after every write and
-// rename) and before every removal.
+// read-only disk gives; and the cuts: before an fsync (so after a write or a rename)
+// and before a removal.
 const Fault kFaults[] = {
     {"write", "ENOSPC", ENOSPC}, {"fsync", "EIO", EIO},        {"renameat", "EIO", EIO},  {"openat", "EACCES", EACCES},
     {"read", "EIO", EIO},        {"getdents64", "EIO", EIO},   {"unlinkat", "EROFS", EROFS},
@@ -85,8 +85,6 @@ protected:
         tool::plant(CFGUPGRADE_TESTS "/golden/images/" + image, work.root());
         fs::create_directories(work.root() + "/tmp");
     }
-    // Under strace; with --seccomp-bpf only the traced calls stop the process (quicker),
-    // but strace 6 then delivers no injected signal.
     void SetUp() override {
         if (tool::emulated()) GTEST_SKIP() << "under an emulator strace sees the emulator's calls; faults are made in native builds (make test)";
         if (std::system("strace -o /dev/null true >/dev/null 2>&1") != 0) GTEST_SKIP() << "strace is missing or may not trace here (make test installs it)";
@@ -98,6 +96,8 @@ protected:
                       "trace=openat,read,write,fsync,renameat,unlinkat,getdents64"});
         return parseTrace(tool::slurp(work.path + "/trace"));
     }
+    // Under strace; with --seccomp-bpf only the traced calls stop the process (quicker),
+    // but strace 6 then delivers no injected signal.
     tool::Run traced(const std::vector<std::string>& strace, bool quick = true) {
         tool::Options o;
         o.args = {mode};
@@ -124,8 +124,8 @@ std::vector<long> callsUnderRoot(const std::vector<Call>& calls, const std::stri
         ++n;
         bool dirEntry = name == "openat" && !c.strings.empty() && c.strings[0] != "." && c.strings[0] != "..";
         // A read at the end of a file fails the way the read before it would. A cut before
-        // the fsync of a temporary file leaves what the cut before the write after the
-        // last rename left, and a temporary file besides: one such cut tells the clean-up.
+        // the fsync of a temporary file leaves what the cut before the last directory
+        // fsync left, and a temporary file besides: the first such cut shows the clean-up.
         bool sameCut = cut && isTemp(c.fd) && !at.empty();
         if (!logical(c.fd, root).empty() && (name != "openat" || dirEntry) && !c.end && !sameCut) at.push_back(n);
     }

@@ -65,6 +65,7 @@ TEST_F(Store, ADocumentSeesWhatItLoadedAndSetUntilItLoadsAgain) {
     writer.LoadFromFile(kUser);
     writer.SetTextValue("Net", "k", "1");
     EXPECT_EQ(writer.GetIntValue("Net", "k", -9), 1);
+    EXPECT_EQ(writer.GetTextValue("Net", "j", "-") + writer.GetTextValue("Other", "k", "-"), "--") << "only that key";
     EXPECT_EQ(etlGetProfileInt(kUser, "Net", "k", -9), 0) << "not saved yet";
     for (int v = 1; v <= 3; ++v) {  // the second and third saves change the store's copy in place
         writer.SetTextValue("Net", "k", std::to_string(v));

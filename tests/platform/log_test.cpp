@@ -1,9 +1,11 @@
 // The log, and what a run of the tool says about itself.
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "platform/log.h"
 #include "support/phone_root.h"
@@ -81,13 +83,24 @@ ToolRun runWithStreams(const std::string& root, Out out, Out err) {
         }
         if (ends[1] >= 0) target[i] = ends[1];
     }
-    pid_t pid = fork();
-    if (pid == 0) {
-        unsetenv("CFGUPGRADE_LOG");
-        for (int i = 0; i < 2; ++i) target[i] >= 0 ? dup2(target[i], 1 + i) : close(1 + i);
-        execl(CFGUPGRADE_BINARY, CFGUPGRADE_BINARY, "all", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    std::vector<std::string> words = toolCommand();
+    words.push_back("all");
+    std::vector<char*> argv;
+    for (auto& word : words) argv.push_back(&word[0]);
+    argv.push_back(nullptr);
+    // posix_spawn rather than fork: a cross build's test process runs under qemu-user.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int i = 0; i < 2; ++i)
+        target[i] >= 0 ? posix_spawn_file_actions_adddup2(&actions, target[i], 1 + i)
+                       : posix_spawn_file_actions_addclose(&actions, 1 + i);
+    std::vector<char*> envp;
+    for (char** e = environ; *e; ++e)
+        if (std::strncmp(*e, "CFGUPGRADE_LOG=", 15) != 0) envp.push_back(*e);
+    envp.push_back(nullptr);
+    pid_t pid = -1;
+    posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
     for (int fd : target) close(fd);
     ToolRun run = {-2, "", ""};
     for (int waited = 0, status; waited < 2000; ++waited, usleep(10000)) {

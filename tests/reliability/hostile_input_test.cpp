@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "reliability/fault_run.h"
+#include "support/phone_root.h"
 
 using namespace reliability;
 using namespace std::string_literals;
@@ -315,8 +316,9 @@ TEST(HostileInput, EachCaseLosesNothingAndTouchesOnlyWhatItMay) {
     std::map<std::string, std::set<std::string>> changedBy;
     for (const HostileCase& c : kCases)
         for (bool walk : {false, true}) {
-        if (c.options.addressSpace && kSanitized) {
-            std::cout << "[ skipped ] " << c.what << ": the sanitizer runtime needs more address space than the limit\n";
+        if (c.options.addressSpace && (kSanitized || toolIsEmulated())) {
+            std::cout << "[ skipped ] " << c.what << ": the sanitizer runtime or the emulator needs more address space "
+                         "than the limit\n";
             break;
         }
         if (!c.options.wrapper.empty() && std::system("strace -o /dev/null true >/dev/null 2>&1") != 0) {

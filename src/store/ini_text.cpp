@@ -319,13 +319,13 @@ IniText IniText::parse(std::string bytes) {
     if (std::string_view(b).substr(0, kByteOrderMark.size()) == kByteOrderMark)
         doc.bomLength_ = static_cast<uint32_t>(kByteOrderMark.size());
     doc.sections_.front() = iniSection(&b, doc.bomLength_, doc.bomLength_, LineEnd::kNone);
+    if (doc.bomLength_ < b.size()) stripEnding(lineAt(b, doc.bomLength_, b.size()), &doc.newline_);
     for (size_t pos = doc.bomLength_; pos < b.size();) {
         std::string_view raw = lineAt(b, pos, b.size());
-        LineEnd end;
-        std::string_view text = stripEnding(raw, &end);
-        if (doc.newline_ == LineEnd::kNone) doc.newline_ = end;
         size_t next = pos + raw.size();
-        if (sectionNameOf(text)) {
+        // Most lines start with a letter: only '[' or a blank can begin a header.
+        LineEnd end = LineEnd::kNone;
+        if ((raw[0] == '[' || isBlank(raw[0])) && sectionNameOf(stripEnding(raw, &end))) {
             doc.sections_.back().end_ = static_cast<uint32_t>(pos);
             doc.sections_.push_back(iniSection(&b, static_cast<uint32_t>(pos), static_cast<uint32_t>(next), end));
         } else {

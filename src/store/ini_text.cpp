@@ -304,7 +304,8 @@ const std::shared_ptr<const std::string>& noBytes() {
 
 }  // namespace
 
-IniText::IniText() : bytes_(noBytes()) { sections_.push_back(iniSection(bytes_.get(), 0, 0, LineEnd::kNone)); }
+// Every document starts empty, and a document made only to be loaded costs no allocation.
+IniText::IniText() : bytes_(noBytes()) {}
 
 // One pass finds the section headers and counts the lines between them; the lines
 // themselves are looked at when their section is first used.
@@ -318,7 +319,7 @@ IniText IniText::parse(std::string bytes) {
     }
     if (std::string_view(b).substr(0, kByteOrderMark.size()) == kByteOrderMark)
         doc.bomLength_ = static_cast<uint32_t>(kByteOrderMark.size());
-    doc.sections_.front() = iniSection(&b, doc.bomLength_, doc.bomLength_, LineEnd::kNone);
+    doc.sections_.push_back(iniSection(&b, doc.bomLength_, doc.bomLength_, LineEnd::kNone));
     if (doc.bomLength_ < b.size()) stripEnding(lineAt(b, doc.bomLength_, b.size()), &doc.newline_);
     for (size_t pos = doc.bomLength_; pos < b.size();) {
         std::string_view raw = lineAt(b, pos, b.size());
@@ -386,6 +387,7 @@ bool IniText::set(std::string_view section, std::string_view key, std::string_vi
     if (opaque_ || !isWritableName(section, ']') || !isWritableName(key, '=') || !isWritableValue(value))
         return false;
     iniSection* s = const_cast<iniSection*>(findSection(section));
+    if (sections_.empty()) sections_.push_back(iniSection(bytes_.get(), 0, 0, LineEnd::kNone));
     if (!s) {
         // The new section starts on a line of its own, even after a last line without a break.
         LineEnd* lastEnd = sections_.back().lastEnd();
@@ -403,7 +405,7 @@ bool IniText::set(std::string_view section, std::string_view key, std::string_vi
 }
 
 std::vector<iniObject*> IniText::objects() {
-    if (opaque_) return {};
+    if (sections_.empty()) return {};
     std::vector<iniObject*> out = sections_.front().objects();
     out.reserve(out.size() + sections_.size() - 1);
     for (size_t i = 1; i < sections_.size(); ++i) out.push_back(&sections_[i]);

@@ -179,7 +179,7 @@ private:
     uint32_t bomLength_ = 0;
     LineEnd newline_ = LineEnd::kNone;  // ending used for added lines: the file's first one, else LF
     bool opaque_ = false;               // too long to address: kept whole, never searched or set
-    std::vector<iniSection> sections_;  // [0] holds the lines before the first section
+    std::vector<iniSection> sections_;  // [0] holds the lines before the first section; none when empty
     mutable NameIndex sectionIndex_;
     mutable uint32_t sectionsScanned_ = 0;
 };

@@ -139,7 +139,9 @@ std::string iniLine::GetValue(std::string_view def) const {
     return std::string(type() == kKey ? value() : def);
 }
 
-bool iniLine::SetValue(std::string_view value) { return section_->setLineValue(index_, value); }
+bool iniLine::SetValue(std::string_view value) {
+    return section_->setLineValue(index_, value) != iniSection::Outcome::kRefused;
+}
 
 // ---------------------------------------------------------------- sections
 
@@ -224,12 +226,12 @@ const iniSection::Line* iniSection::findKey(std::string_view key) const {
     return i < 0 ? nullptr : &lines_[static_cast<size_t>(i)];
 }
 
-bool iniSection::setLineValue(uint32_t index, std::string_view value) {
+iniSection::Outcome iniSection::setLineValue(uint32_t index, std::string_view value) {
     Line& line = lines_[index];
-    if (line.eq == Line::kNoKey || !IniText::isWritableValue(value)) return false;
+    if (line.eq == Line::kNoKey || !IniText::isWritableValue(value)) return Outcome::kRefused;
     std::string_view text = textOf(line);
     std::string_view old = valueOf(line);
-    if (old == value) return true;  // the line stays the file's own bytes
+    if (old == value) return Outcome::kSame;  // the line stays the file's own bytes
     size_t at = static_cast<size_t>(old.data() - text.data());
     // The name, the spacing around '=' and the blanks after the value stay as they were.
     std::string updated;
@@ -243,7 +245,7 @@ bool iniSection::setLineValue(uint32_t index, std::string_view value) {
     edits_[line.begin] = std::move(updated);
     line.length = static_cast<uint32_t>(edits_[line.begin].size());
     changed_ = true;
-    return true;
+    return Outcome::kChanged;
 }
 
 LineEnd* iniSection::lastEnd() {
@@ -252,7 +254,7 @@ LineEnd* iniSection::lastEnd() {
     return hasHeader() ? &headerEnd_ : nullptr;
 }
 
-bool iniSection::setKey(std::string_view key, std::string_view value, LineEnd newline) {
+iniSection::Outcome iniSection::setKey(std::string_view key, std::string_view value, LineEnd newline) {
     long found = indexOf(key);
     if (found >= 0) return setLineValue(static_cast<uint32_t>(found), value);
 
@@ -280,7 +282,7 @@ bool iniSection::setKey(std::string_view key, std::string_view value, LineEnd ne
             return nameOf(lines_[i]);
         });
     changed_ = true;
-    return true;
+    return Outcome::kChanged;
 }
 
 void iniSection::appendTo(std::string& out) const {
@@ -401,7 +403,9 @@ bool IniText::set(std::string_view section, std::string_view key, std::string_vi
                               [this](uint32_t i) -> std::optional<std::string_view> { return sections_[i].name(); });
         s = &sections_.back();
     }
-    return s->setKey(key, value, newline());
+    iniSection::Outcome outcome = s->setKey(key, value, newline());
+    if (outcome == iniSection::Outcome::kChanged) ++revision_;
+    return outcome != iniSection::Outcome::kRefused;
 }
 
 std::vector<iniObject*> IniText::objects() {

@@ -128,9 +128,10 @@ private:
     const Line* findKey(std::string_view key) const;
     // Index of the first key line of that name, or -1.
     long indexOf(std::string_view key) const;
-    bool setLineValue(uint32_t index, std::string_view value);
+    enum class Outcome { kRefused, kSame, kChanged };
+    Outcome setLineValue(uint32_t index, std::string_view value);
     // Sets the first key of that name, or adds it after the last key line.
-    bool setKey(std::string_view key, std::string_view value, LineEnd newline);
+    Outcome setKey(std::string_view key, std::string_view value, LineEnd newline);
     // The ending of the section's last line (its header when it has none), to change;
     // null for lines before the first section when there are none.
     LineEnd* lastEnd();
@@ -164,6 +165,9 @@ public:
     // Creates the section and the key when missing. False (nothing changed) when a
     // name or the value cannot be written in INI syntax and read back the same.
     bool set(std::string_view section, std::string_view key, std::string_view value);
+    // Moves with every set that changed the text; a set of the value already there, or a
+    // refused one, leaves it. Values changed through a walk's lines are not counted.
+    unsigned long revision() const { return revision_; }
 
     // Top-level nodes in file order: the lines before the first section, then the sections.
     std::vector<iniObject*> objects();
@@ -179,6 +183,7 @@ private:
     uint32_t bomLength_ = 0;
     LineEnd newline_ = LineEnd::kNone;  // ending used for added lines: the file's first one, else LF
     bool opaque_ = false;               // too long to address: kept whole, never searched or set
+    unsigned long revision_ = 0;
     std::vector<iniSection> sections_;  // [0] holds the lines before the first section; none when empty
     mutable NameIndex sectionIndex_;
     mutable uint32_t sectionsScanned_ = 0;

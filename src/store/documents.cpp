@@ -176,6 +176,7 @@ bool commitFiles() {
     c.dirtyOrder.clear();
     // Spellings are resolved again in the next step: this one may have made files.
     c.keys.clear();
+    fs::forgetDirectories();
     return ok;
 }
 
@@ -190,6 +191,7 @@ const std::string* pendingBytes(const std::string& logical, std::string& scratch
 void forgetFile(const std::string& logical) {
     cache().files.erase(keyOf(logical));
     cache().keys.clear();
+    fs::forgetDirectories();
 }
 
 void discardAll() {

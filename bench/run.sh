@@ -86,6 +86,7 @@ observe() {  # ROOT MODE TRACE READLIST
   CFGUPGRADE_ROOT="$root" CFGUPGRADE_LOG=/dev/null strace -f -qq -y -s 0 -o "$trace" \
     -e trace=openat,write,writev,pwrite64,fsync,fdatasync,syncfs,sync_file_range,rename,renameat,renameat2,unlink,unlinkat \
     "$tool" "$mode" >/dev/null 2>&1
+  : > "$readlist"
   awk -v root="$root" -v readlist="$readlist" '
     function under(p) { return index(p, root "/") == 1 }
     / (write|writev|pwrite64)\([0-9]+</ {
@@ -95,13 +96,13 @@ observe() {  # ROOT MODE TRACE READLIST
     / (fsync|fdatasync|syncfs|sync_file_range)\(/ { fsyncs++ }
     / rename(at2?)?\(/ && $NF == 0 { renames++ }
     / unlink(at)?\(/ && $NF == 0 { unlinks++ }
-    / openat\(/ && !/O_WRONLY|O_RDWR|O_DIRECTORY|O_CREAT/ && / = [0-9]+</ {
-      match($0, /"[^"]*"/); p = substr($0, RSTART + 1, RLENGTH - 2)
+    # Files are opened relative to their directory: the path is the one strace gives the result.
+    / openat\(/ && !/O_WRONLY|O_RDWR|O_DIRECTORY|O_CREAT|O_PATH/ && / = [0-9]+<[^>]*>$/ {
+      match($0, / = [0-9]+<[^>]*>$/); p = substr($0, RSTART, RLENGTH - 1); sub(/^ = [0-9]+</, "", p)
       if (under(p) && !(p in seen)) { seen[p] = 1; print substr(p, length(root) + 1) > readlist }
     }
     END { printf "%d %d %d %d\n", bytes, fsyncs, renames, unlinks }
   ' "$trace"
-  touch "$readlist"
 }
 
 # The floor's plan for going from BEFORE to AFTER: the files read, then the files

@@ -41,7 +41,10 @@ for p in "${need[@]}"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(id -u)" = 0 ]; then
     echo "Installing: ${missing[*]}"
-    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+    # A list that fails to download (another architecture's, a mirror in sync) must not
+    # keep the packages of this one from being installed; a failed install still stops here.
+    apt-get update -qq || echo "bench: some package lists could not be updated; installing from the rest" >&2
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
   else
     echo "Missing packages: ${missing[*]}; install them with: sudo apt-get install ${missing[*]}" >&2
     exit 1

@@ -255,7 +255,7 @@ bool readFile(const std::string& logical, std::string& bytes, fs::FileKind kind)
     return fs::readFile(logical, bytes, kind) == 0;
 }
 
-bool mayWrite(const std::string& logical) { return fs::mayWrite(logical); }
+bool mayWrite(const std::string& logical) { return iniMayWrite(logical); }
 
 bool writeFile(const std::string& logical, const std::string& bytes) {
     commitFiles();

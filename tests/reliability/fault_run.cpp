@@ -122,19 +122,15 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     for (auto& e : env) envp.push_back(&e[0]);
     envp.push_back(nullptr);
     // A wrapper (strace) goes before the tool, and the tool itself may need its emulator.
+    // A memory limit is set by prlimit in the child alone: set in this process, it
+    // would also bind the spawn itself.
     std::vector<std::string> args = options.wrapper;
+    if (options.addressSpace) args.insert(args.begin(), {"prlimit", "--as=" + std::to_string(options.addressSpace), "--"});
     for (const std::string& word : toolCommand()) args.push_back(word);
     args.push_back(mode);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
-    // The child inherits the limit; the test process has it only while it spawns.
-    rlimit before{};
-    getrlimit(RLIMIT_AS, &before);
-    if (options.addressSpace) {
-        rlimit limited = {options.addressSpace, before.rlim_max};
-        setrlimit(RLIMIT_AS, &limited);
-    }
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -144,7 +140,6 @@ ToolRun runTool(const std::string& root, const std::string& mode, const Fault& f
     pid_t pid;
     int status = 0;
     int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    if (options.addressSpace) setrlimit(RLIMIT_AS, &before);
     if (spawned == 0 && waitpid(pid, &status, 0) == pid) run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     posix_spawn_file_actions_destroy(&actions);
     run.log = readAll(logFile);

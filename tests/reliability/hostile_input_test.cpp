@@ -260,13 +260,19 @@ const HostileCase kCases[] = {
                 count(log, "Cannot read [/config/user/voip/sipAccount0.cfg]: File too large") == 1;
      },
      {}},
+    // The largest settings file accepted fits in the start-up's address space plus about three times its size.
+    {"the largest settings file in bounded memory", "dev", [](auto& r) { put(r, kUser, manyShortKeys()); },
+     [](auto& t, auto& log, auto&) {
+         return log.find("std::bad_alloc") == std::string::npos && contains(stateOf(t, kUser), "RingbackTimeout=");
+     },
+     {}, {{}, {}, 28ul << 20}},
     {"a settings file too big for the memory the run may use", "dev", [](auto& r) { put(r, kUser, manyShortKeys()); },
      [](auto& t, auto& log, auto&) {
          // Each step that needs the file ends with one line; the certificate sync still runs.
          return log.find("etlTrace[3] Step [ring-back timeout] stopped: std::bad_alloc") != std::string::npos &&
                 !contains(stateOf(t, kUser), "RingbackTimeout") && stateOf(t, "/config/certs/phoneca/ExampleIssuingCA.pem");
      },
-     {"/config/certs/phoneca/"}, {{}, {}, 32ul << 20}},
+     {"/config/certs/phoneca/"}, {{}, {}, 16ul << 20}},
     {"an attribute the new file cannot take", "all",
      [](auto& r) { setxattr((r + kUser).c_str(), "user.origin", "factory", 7, 0); },
      [](auto& t, auto& log, auto&) {

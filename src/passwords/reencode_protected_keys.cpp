@@ -9,7 +9,6 @@
 #include "platform/log.h"
 #include "platform/pw_data.h"
 #include "store/config_store.h"
-#include "store/files.h"
 
 namespace {
 
@@ -19,12 +18,11 @@ const int kLastAccount = 3;
 
 // The file last loaded, kept from the first key to the end of the process, so that
 // consecutive keys of one file cost one load. Every key is saved before the next, so
-// no change ever waits here. The path is compared as this machine sees it: with one
-// root per process that is the logical path, and a document loaded under another root
-// (a new test) is never mistaken for this one.
+// no change ever waits here. Paths are compared as text: another spelling of the same
+// file is loaded again, which sees every save made before.
 struct LastFile {
     ETL_FileHelper::iniFile document;
-    std::string physicalPath;  // empty: nothing usable loaded
+    std::string path;  // empty: nothing usable loaded
 };
 
 LastFile& lastFile() {
@@ -34,14 +32,13 @@ LastFile& lastFile() {
 
 // Makes the document hold `file`, loading it only when it is not the one it holds.
 bool holdFile(LastFile& cache, const char* file) {
-    std::string physical = store::fs::physicalPath(file).value_or("");
-    if (!physical.empty() && physical == cache.physicalPath) return true;
+    if (!cache.path.empty() && cache.path == file) return true;
     if (!cache.document.LoadFromFile(file)) {
         ETL_TraceHelper::etlTrace(3, "Fail to load file [%s] !!", file);
-        cache.physicalPath.clear();
+        cache.path.clear();
         return false;
     }
-    cache.physicalPath = physical;
+    cache.path = file;
     return true;
 }
 

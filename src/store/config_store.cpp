@@ -6,9 +6,9 @@
 #include <deque>
 #include <utility>
 
-#include "platform/log.h"
 #include "store/documents.h"
 #include "store/files.h"
+#include "store/report.h"
 
 using ETL_FileHelper::IniText;
 
@@ -36,7 +36,7 @@ bool changeFile(const std::string& file, Change change) {
 // A set refused because the text could not be read back the same: the file stays as
 // it is, and the log says where, never what (the value may be a password).
 void reportRefusedSet(std::string_view file, std::string_view section, std::string_view key) {
-    app_log(60, 4, "Cannot set [%.*s] section [%.*s] key [%.*s]: it would not read back the same\n",
+    store::report("Cannot set [%.*s] section [%.*s] key [%.*s]: it would not read back the same",
             static_cast<int>(file.size()), file.data(), static_cast<int>(section.size()), section.data(),
             static_cast<int>(key.size()), key.data());
 }
@@ -246,14 +246,7 @@ bool removeFile(const std::string& logical) {
     return fs::removeFile(logical);
 }
 
-bool readFile(const std::string& logical, std::string& bytes, fs::FileKind kind) {
-    std::string scratch;
-    if (const std::string* pending = pendingBytes(logical, scratch)) {
-        bytes = *pending;
-        return true;
-    }
-    return fs::readFile(logical, bytes, kind) == 0;
-}
+bool readFile(const std::string& logical, std::string& bytes) { return readBytes(logical, bytes, fs::FileKind::kCopy); }
 
 bool mayWrite(const std::string& logical) { return iniMayWrite(logical); }
 

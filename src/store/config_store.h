@@ -9,9 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "store/documents.h"
-#include "store/files.h"
+#include <memory>
+#include <optional>
+#include <string_view>
+
 #include "store/ini_text.h"
+#include "store/pending_value.h"
 
 // ---------------------------------------------------------------- text
 
@@ -123,7 +126,7 @@ bool copyFile(const std::string& dst, const std::string& src);
 bool removeFile(const std::string& logical);
 
 // Raw bytes of a file (XML, certificates), including changes not yet committed.
-bool readFile(const std::string& logical, std::string& bytes, fs::FileKind kind = fs::FileKind::kCopy);
+bool readFile(const std::string& logical, std::string& bytes);
 
 // True when the INI file may be written: inside a writable area, not behind a link that
 // leads out of it. Asked once per file and run (the file is loaded); a refusal is logged once.

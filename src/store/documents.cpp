@@ -180,12 +180,12 @@ bool commitFiles() {
     return ok;
 }
 
-const std::string* pendingBytes(const std::string& logical, std::string& scratch) {
+bool readBytes(const std::string& logical, std::string& bytes, fs::FileKind kind) {
     auto& files = cache().files;
     auto it = files.find(keyOf(logical));
-    if (it == files.end() || !it->second.dirty) return nullptr;
-    scratch = it->second.text->serialize();
-    return &scratch;
+    if (it == files.end() || !it->second.dirty) return fs::readFile(logical, bytes, kind) == 0;
+    bytes = it->second.text->serialize();
+    return true;
 }
 
 void forgetFile(const std::string& logical) {

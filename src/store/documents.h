@@ -12,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "store/files.h"
 #include "store/ini_text.h"
+#include "store/pending_value.h"
 
 namespace store {
 
@@ -31,13 +33,6 @@ bool storeIni(const std::string& logical, IniPtr text);
 // copy of the file per set), else on a copy. `change` must either succeed or
 // leave the text as it was.
 bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelper::IniText&)>& change);
-
-// One value a document has set and not saved yet.
-struct PendingValue {
-    std::string section;
-    std::string key;
-    std::string value;
-};
 
 // Saves a document: `base` with `values` set on it becomes the file's content, and
 // is returned (null when refused as storeIni refuses). When `base` is the file's
@@ -62,8 +57,9 @@ bool iniUnreadable(const std::string& logical);
 // changes: those are refused when they are made.
 bool commitFiles();
 
-// The pending bytes of a changed file, for readers of raw bytes; null otherwise.
-const std::string* pendingBytes(const std::string& logical, std::string& scratch);
+// Raw bytes of a file as a reader of that kind sees them (its size limit), changes
+// not yet committed included.
+bool readBytes(const std::string& logical, std::string& bytes, fs::FileKind kind);
 
 // Drops what is known of a file that is about to change on disk by other means.
 void forgetFile(const std::string& logical);

@@ -13,7 +13,7 @@
 #include <set>
 #include <utility>
 
-#include "platform/log.h"
+#include "store/report.h"
 
 namespace store::fs {
 
@@ -28,7 +28,7 @@ const size_t kTempRandomLength = 8;
 const int kTempAttempts = 100;
 
 void logFailure(const char* what, const std::string& logical, int err) {
-    app_log(60, 4, "Cannot %s [%s]: %s\n", what, logical.c_str(), describe(err));
+    report("Cannot %s [%s]: %s", what, logical.c_str(), describe(err));
 }
 
 std::string parentOf(const std::string& logical) {
@@ -386,7 +386,7 @@ bool copyFileAtomically(const std::string& dst, const std::string& src) {
     umask(mask);
     if (!err) err = writeResolved(dst, bytes, st.st_mode & 0777 & ~mask);
     if (err)
-        app_log(60, 4, "Cannot copy [%s] to [%s]: %s\n", src.c_str(), dst.c_str(), describe(err));
+        report("Cannot copy [%s] to [%s]: %s", src.c_str(), dst.c_str(), describe(err));
     return err == 0;
 }
 

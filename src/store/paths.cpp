@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/log.h"
+#include "store/report.h"
 
 namespace store::fs {
 
@@ -417,7 +417,7 @@ std::string canonicalPath(std::string_view logical) {
 void reportOnce(const char* what, std::string_view logical, int err) {
     // One line per path: a file refused for reading is not refused again for writing.
     if (!root().reported.insert(std::string(logical)).second) return;
-    app_log(60, 4, "Cannot %s [%.*s]: %s\n", what, static_cast<int>(logical.size()), logical.data(), describe(err));
+    report("Cannot %s [%.*s]: %s", what, static_cast<int>(logical.size()), logical.data(), describe(err));
 }
 
 void forgetDirectories() { dropKnownDirs(); }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "store/config_store.h"
+#include "store/documents.h"
 #include "store/files.h"
 
 namespace store {
@@ -44,7 +45,7 @@ pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_documen
     std::string bytes;
     pugi::xml_parse_result refused;
     refused.status = pugi::status_file_not_found;
-    if (!store::readFile(logical, bytes, fs::FileKind::kXml)) {
+    if (!readBytes(logical, bytes, fs::FileKind::kXml)) {
         doc.reset();
         return refused;
     }

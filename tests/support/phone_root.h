@@ -14,8 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/log.h"
 #include "platform/pw_data.h"
 #include "store/config_store.h"
+#include "store/report.h"
 
 // The words that start the tool: the binary, behind the emulator in a cross build
 // (CMake's CMAKE_CROSSCOMPILING_EMULATOR, split at blanks).
@@ -41,6 +43,7 @@ protected:
         setenv("CFGUPGRADE_LOG", (root_ + ".log").c_str(), 1);
         unsetenv("CFGUPGRADE_TRACE_LEVEL");
         store::reset();
+        store::setReportSink([](const char* line) { app_log(60, 4, "%s", line); });
     }
     void TearDown() override {
         store::reset();

@@ -113,8 +113,10 @@ long NameIndex::find(std::string_view name, NameOf nameOf) const {
     return -1;
 }
 
+// An index that cannot grow (out of memory) is dropped: searches then walk, and find
+// what the text holds.
 template <typename NameOf>
-void NameIndex::add(uint32_t position, NameOf nameOf) {
+void NameIndex::add(uint32_t position, NameOf nameOf) try {
     if (2 * (static_cast<size_t>(used_) + 1) > slots_.size()) {
         std::vector<uint32_t> old(slots_.size() * 2, 0);
         old.swap(slots_);
@@ -123,6 +125,9 @@ void NameIndex::add(uint32_t position, NameOf nameOf) {
             if (slot != 0) place(*nameOf(slot - 1), slot - 1, nameOf);
     }
     place(*nameOf(position), position, nameOf);
+} catch (...) {
+    clear();
+    throw;
 }
 
 // ---------------------------------------------------------------- lines
@@ -180,17 +185,21 @@ std::string_view iniSection::header() const {
 
 std::string_view iniSection::name() const { return sectionNameOf(header()).value_or(std::string_view()); }
 
+// Built aside and kept only when whole: a parse that runs out of memory leaves the
+// section unparsed, never parsed as empty (a later save would drop its lines).
 void iniSection::parseLines() const {
     if (parsed_) return;
-    parsed_ = true;
-    lines_.reserve(lineCount_);
+    std::vector<Line> lines;
+    lines.reserve(lineCount_);
     for (size_t pos = bodyBegin_; pos < end_;) {
         std::string_view raw = lineAt(*bytes_, pos, end_);
         LineEnd end;
         std::string_view text = stripEnding(raw, &end);
-        lines_.push_back(Line{static_cast<uint32_t>(pos), static_cast<uint32_t>(text.size()), equalsOf(text), end, false});
+        lines.push_back(Line{static_cast<uint32_t>(pos), static_cast<uint32_t>(text.size()), equalsOf(text), end, false});
         pos += raw.size();
     }
+    lines_.swap(lines);
+    parsed_ = true;
 }
 
 std::vector<iniObject*> iniSection::objects() {
@@ -238,9 +247,9 @@ iniSection::Outcome iniSection::setLineValue(uint32_t index, std::string_view va
     updated.reserve(text.size() - old.size() + value.size());
     updated.append(text.substr(0, at)).append(value).append(text.substr(at + old.size()));
     if (!line.edited) {
+        edits_.emplace_back();  // first: if it throws, the line still points at the file's bytes
         line.edited = true;
-        line.begin = static_cast<uint32_t>(edits_.size());
-        edits_.emplace_back();
+        line.begin = static_cast<uint32_t>(edits_.size() - 1);
     }
     edits_[line.begin] = std::move(updated);
     line.length = static_cast<uint32_t>(edits_[line.begin].size());
@@ -277,11 +286,11 @@ iniSection::Outcome iniSection::setKey(std::string_view key, std::string_view va
               static_cast<uint32_t>(key.size()), end, true};
     // Only lines that hold no key follow `pos`, so no indexed position moves.
     lines_.insert(lines_.begin() + static_cast<std::ptrdiff_t>(pos), line);
+    changed_ = true;
     if (keyIndex_.built())
         keyIndex_.add(static_cast<uint32_t>(pos), [this](uint32_t i) -> std::optional<std::string_view> {
             return nameOf(lines_[i]);
         });
-    changed_ = true;
     return Outcome::kChanged;
 }
 
@@ -398,13 +407,20 @@ bool IniText::set(std::string_view section, std::string_view key, std::string_vi
             sections_.back().changed_ = true;
         }
         sections_.push_back(iniSection::added(bytes_.get(), section, newline()));
-        if (sectionIndex_.built())
-            sectionIndex_.add(static_cast<uint32_t>(sections_.size() - 1),
-                              [this](uint32_t i) -> std::optional<std::string_view> { return sections_[i].name(); });
+        try {
+            if (sectionIndex_.built())
+                sectionIndex_.add(static_cast<uint32_t>(sections_.size() - 1),
+                                  [this](uint32_t i) -> std::optional<std::string_view> { return sections_[i].name(); });
+        } catch (...) {
+            sections_.pop_back();
+            throw;
+        }
         s = &sections_.back();
     }
+    // Counted before the change, so that a change cut short by an exception still counts.
+    unsigned long before = revision_++;
     iniSection::Outcome outcome = s->setKey(key, value, newline());
-    if (outcome == iniSection::Outcome::kChanged) ++revision_;
+    if (outcome != iniSection::Outcome::kChanged) revision_ = before;
     return outcome != iniSection::Outcome::kRefused;
 }
 

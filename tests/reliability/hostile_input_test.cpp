@@ -85,10 +85,16 @@ mode_t modeOf(const std::string& path) {
 std::string padded(size_t size) { return example(kUser) + std::string(size - example(kUser).size() - 1, ';') + "\n"; }
 
 // Many short keys just under the INI limit: more to hold in memory than a small limit allows.
+// At the size limit, and every byte a line: the lines that cost the store most to hold.
 std::string manyShortKeys() {
     std::string out = example(kUser);
     for (size_t i = 0; out.size() < (4u << 20) - 64; ++i) out += "k" + std::to_string(i) + "=v\n";
     return out;
+}
+
+std::string manyEmptyLines() {
+    std::string out = example(kUser);
+    return out + std::string((4u << 20) - 64 - out.size(), '\n');
 }
 
 const char kRecord[] = "/tmp/VersionInfo.cfg";
@@ -266,7 +272,7 @@ const HostileCase kCases[] = {
          return log.find("std::bad_alloc") == std::string::npos && contains(stateOf(t, kUser), "RingbackTimeout=");
      },
      {}, {{}, {}, 28ul << 20}},
-    {"a settings file too big for the memory the run may use", "dev", [](auto& r) { put(r, kUser, manyShortKeys()); },
+    {"a settings file too big for the memory the run may use", "dev", [](auto& r) { put(r, kUser, manyEmptyLines()); },
      [](auto& t, auto& log, auto&) {
          // Each step that needs the file ends with one line; the certificate sync still runs.
          return log.find("etlTrace[3] Step [ring-back timeout] stopped: std::bad_alloc") != std::string::npos &&

@@ -2,10 +2,12 @@
 # The benchmark: cfgupgrade against the I/O floor and the scripted peer, whole
 # processes on generated phone images. docs/performance.md describes the method.
 #
-#   bench/run.sh [--quick] [--repeats N] [--peer-repeats N] [--full-peer]
+#   bench/run.sh [--quick | --figures] [--repeats N] [--peer-repeats N] [--full-peer]
 #
 # --quick         a smoke test in seconds: demo and a small image, one repetition,
 #                 nothing written outside build-bench/ (what CI runs)
+# --figures       only the figures of the ordinary boot: mode all on typical and
+#                 large, the start-up pairs and the profile (a few minutes)
 # --repeats N     timed pairs per size and mode (default 7); medians are reported
 # --peer-repeats  timed peer runs on the demo and typical images (default 3; the
 #                 peer takes about 40 s per run on typical)
@@ -18,14 +20,15 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
 
-quick=0; repeats=7; peerRepeats=3; fullPeer=0
+quick=0; figures=0; repeats=7; peerRepeats=3; fullPeer=0
 while [ $# -gt 0 ]; do
   case $1 in
     --quick) quick=1; repeats=1; peerRepeats=1 ;;
+    --figures) figures=1 ;;
     --repeats) repeats=$2; shift ;;
     --peer-repeats) peerRepeats=$2; shift ;;
     --full-peer) fullPeer=1 ;;
-    *) echo "usage: bench/run.sh [--quick] [--repeats N] [--peer-repeats N] [--full-peer]" >&2; exit 2 ;;
+    *) echo "usage: bench/run.sh [--quick | --figures] [--repeats N] [--peer-repeats N] [--full-peer]" >&2; exit 2 ;;
   esac
   shift
 done
@@ -38,7 +41,10 @@ for p in "${need[@]}"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(id -u)" = 0 ]; then
     echo "Installing: ${missing[*]}"
-    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+    # A list that fails to download (another architecture's, a mirror in sync) must not
+    # keep the packages of this one from being installed; a failed install still stops here.
+    apt-get update -qq || echo "bench: some package lists could not be updated; installing from the rest" >&2
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
   else
     echo "Missing packages: ${missing[*]}; install them with: sudo apt-get install ${missing[*]}" >&2
     exit 1
@@ -51,6 +57,7 @@ cmake --build "$build" -j 2 >/dev/null
 tool=$build/cfgupgrade/cfgupgrade
 measure=$build/measure
 floor=$build/io_floor
+oneLine=$build/one_line
 work=$build/work
 results=$build/results
 rm -rf "$work" "$results"
@@ -82,6 +89,7 @@ observe() {  # ROOT MODE TRACE READLIST
   CFGUPGRADE_ROOT="$root" CFGUPGRADE_LOG=/dev/null strace -f -qq -y -s 0 -o "$trace" \
     -e trace=openat,write,writev,pwrite64,fsync,fdatasync,syncfs,sync_file_range,rename,renameat,renameat2,unlink,unlinkat \
     "$tool" "$mode" >/dev/null 2>&1
+  : > "$readlist"
   awk -v root="$root" -v readlist="$readlist" '
     function under(p) { return index(p, root "/") == 1 }
     / (write|writev|pwrite64)\([0-9]+</ {
@@ -91,13 +99,13 @@ observe() {  # ROOT MODE TRACE READLIST
     / (fsync|fdatasync|syncfs|sync_file_range)\(/ { fsyncs++ }
     / rename(at2?)?\(/ && $NF == 0 { renames++ }
     / unlink(at)?\(/ && $NF == 0 { unlinks++ }
-    / openat\(/ && !/O_WRONLY|O_RDWR|O_DIRECTORY|O_CREAT/ && / = [0-9]+</ {
-      match($0, /"[^"]*"/); p = substr($0, RSTART + 1, RLENGTH - 2)
+    # Files are opened relative to their directory: the path is the one strace gives the result.
+    / openat\(/ && !/O_WRONLY|O_RDWR|O_DIRECTORY|O_CREAT|O_PATH/ && / = [0-9]+<[^>]*>$/ {
+      match($0, / = [0-9]+<[^>]*>$/); p = substr($0, RSTART, RLENGTH - 1); sub(/^ = [0-9]+</, "", p)
       if (under(p) && !(p in seen)) { seen[p] = 1; print substr(p, length(root) + 1) > readlist }
     }
     END { printf "%d %d %d %d\n", bytes, fsyncs, renames, unlinks }
   ' "$trace"
-  touch "$readlist"
 }
 
 # The floor's plan for going from BEFORE to AFTER: the files read, then the files
@@ -130,9 +138,14 @@ median() { sort -n | awk '{ v[NR] = $1 } END { if (NR == 0) print "nan"; else if
 images=$work/images
 mkdir -p "$images"
 gen() { "$build/gen_image" --examples "$top/examples" "$@"; }
+modes=(all dev pwd 1 2)
 if [ $quick = 1 ]; then
   sizes=(demo typical)
   ruleCounts=(0 100 1000)
+elif [ $figures = 1 ]; then
+  sizes=(typical large)
+  ruleCounts=()
+  modes=(all)
 else
   sizes=(demo typical large)
   ruleCounts=(0 100 1000 10000)
@@ -140,8 +153,6 @@ fi
 log "generating images"
 for s in "${sizes[@]}"; do gen --size "$s" "$images/$s"; done
 for n in "${ruleCounts[@]}"; do gen --size typical --rules "$n" "$images/rules$n"; done
-
-modes=(all dev pwd 1 2)
 
 # ---------------------------------------------------------------- sizes and modes
 
@@ -191,12 +202,73 @@ for s in "${sizes[@]}"; do
   done
 done
 
+# ---------------------------------------------------------------- start-up
+
+# startup.tsv: pair tool_us tool_rss_kib yardstick_us yardstick_rss_kib. The tool
+# without an argument only logs its usage line: what is left is loading and exit.
+printf 'pair\ttool_us\ttool_rss_kib\tyardstick_us\tyardstick_rss_kib\n' > "$results/startup.tsv"
+log "start-up: $((repeats * 3)) timed pairs"
+for i in $(seq $((repeats * 3))); do
+  timed CFGUPGRADE_LOG=/dev/null -- "$tool"; t=$WALL; tr=$RSS
+  timed -- "$oneLine"; y=$WALL; yr=$RSS
+  printf '%s\t%s\t%s\t%s\t%s\n' "$i" "$t" "$tr" "$y" "$yr" >> "$results/startup.tsv"
+done
+
+# ---------------------------------------------------------------- profile
+
+# profile-SIZE.txt: where the instructions of an ordinary boot (mode all, run again
+# on the result of a first run) go, counted by callgrind: each step and the loading
+# of the program with what they call, then the top functions by their own count.
+profile() {  # ROOT OUT
+  local out=$2
+  CFGUPGRADE_ROOT="$1" CFGUPGRADE_LOG=/dev/null valgrind --tool=callgrind --callgrind-out-file="$out.raw" \
+    "$tool" all >/dev/null 2>&1
+  # Shortens "COUNT (PCT%)  FILE:FUNCTION [OBJECT]" to "COUNT PCT FUNCTION (OBJECT)".
+  local shorten='
+    function row(   count, pct, line, object) {
+      count = $1; match($0, /[0-9.]+%/); pct = substr($0, RSTART, RLENGTH)
+      line = $0; sub(/^ *[0-9,]+ *\( *[0-9.]+%\) */, "", line)
+      object = line; sub(/:.*/, "", object)
+      if (line ~ / \[[^]]*\]$/) { object = line; sub(/.*\[/, "", object); sub(/\]$/, "", object) }
+      sub(/.*\//, "", object)
+      sub(/ \[[^]]*\]$/, "", line); sub(/^[^:]*:/, "", line)
+      gsub(/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/, "std::string", line)
+      gsub(/std::basic_string_view<char, std::char_traits<char> >/, "std::string_view", line)
+      gsub(/\(anonymous namespace\)::/, "", line); gsub(/ \[clone [^]]*\]/, "", line); sub(/\(.*/, "", line)
+      printf "%12s %7s  %s (%s)\n", count, pct, line, object
+    }'
+  {
+    echo "By step (the rows of the run table, in order), with what each calls:"
+    # The run table's lambdas are numbered in source order; their step names come from there.
+    callgrind_annotate --inclusive=yes --threshold=100 "$out.raw" 2>/dev/null | awk "$shorten"'
+      FNR == NR { if (match($0, /^ *\{"[^"]+", *\[\]/)) { n = $0; sub(/^ *\{"/, "", n); sub(/".*/, "", n); step[++steps] = n }; next }
+      / PROGRAM TOTALS/ { printf "%12s %7s  the whole run\n", $1, "100%" }
+      /^ *[0-9,]+ .*kRunTable::\{lambda\(\)#[0-9]+\}::_FUN\(\) \[/ {
+        match($0, /#[0-9]+/); i = substr($0, RSTART + 1, RLENGTH - 1) + 0
+        match($0, /[0-9.]+%/); printf "%12s %7s  step: %s\n", $1, substr($0, RSTART, RLENGTH), step[i]
+      }
+      /:(_dl_start|exit|store::commit)(\(\))? \[/ { row() }' "$top/src/driver/mode_table.cpp" -
+    echo
+    echo "The top functions by their own count:"
+    callgrind_annotate "$out.raw" 2>/dev/null | awk "$shorten"'
+      /file:function/ { body = 1; next }
+      body && $1 ~ /^[0-9,]+$/ && shown < 12 { row(); shown++ }'
+  } > "$out"
+  rm -f "$out.raw"
+}
+for s in "${sizes[@]}"; do
+  [ "$s" = demo ] && continue
+  log "profile: second run of mode all on $s"
+  profile "$work/$s-all/second" "$results/profile-$s.txt"
+done
+
 # ---------------------------------------------------------------- the peer
 
 # peer.tsv: image pair peer_us tool_us (the tool in mode dev, a first run)
 printf 'image\tpair\tpeer_us\ttool_us\n' > "$results/peer.tsv"
 peer_images=(demo typical rules100 rules1000)
 [ $quick = 1 ] && peer_images=(demo)
+[ $figures = 1 ] && peer_images=()
 [ $fullPeer = 1 ] && peer_images+=(large rules10000)
 for img in "${peer_images[@]}"; do
   n=$peerRepeats
@@ -247,6 +319,10 @@ bash "$top/bench/report.sh" "$results" "$binarySize" > "$results/report.md"
 
 plotOut=$top/docs/performance-scaling.png
 [ $quick = 1 ] && plotOut=$results/performance-scaling.png
-gnuplot -e "results='$results'; out='$plotOut'" "$top/bench/scaling.gp"
-log "report: $results/report.md; plot: $plotOut"
+if [ $figures = 1 ]; then
+  log "report: $results/report.md"
+else
+  gnuplot -e "results='$results'; out='$plotOut'" "$top/bench/scaling.gp"
+  log "report: $results/report.md; plot: $plotOut"
+fi
 cat "$results/report.md"

@@ -130,7 +130,8 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
     Case c = readCase(GetParam());
     if (!c.options.wrap.empty() && (tool::emulated() || std::system("strace -o /dev/null true >/dev/null 2>&1") != 0))
         GTEST_SKIP() << "needs strace tracing the tool itself (make test installs it; not under an emulator)";
-    if (c.options.addressSpace && kSanitized) GTEST_SKIP() << "the sanitizer runtime needs more address space than the limit";
+    if (c.options.addressSpace && (kSanitized || tool::emulated()))
+        GTEST_SKIP() << "the sanitizer runtime or the emulator needs more address space than the limit";
     const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
     for (bool walk : {false, true}) {
         tool::WorkDir work;

@@ -248,7 +248,7 @@ bool removeFile(const std::string& logical) {
 
 bool readFile(const std::string& logical, std::string& bytes) { return readBytes(logical, bytes, fs::FileKind::kCopy); }
 
-bool mayWrite(const std::string& logical) { return fs::mayWrite(logical); }
+bool mayWrite(const std::string& logical) { return iniMayWrite(logical); }
 
 bool writeFile(const std::string& logical, const std::string& bytes) {
     commitFiles();

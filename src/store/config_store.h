@@ -128,8 +128,8 @@ bool removeFile(const std::string& logical);
 // Raw bytes of a file (XML, certificates), including changes not yet committed.
 bool readFile(const std::string& logical, std::string& bytes);
 
-// True when the file may be written: inside a writable area, not behind a link that
-// leads out of it. A refusal is logged once.
+// True when the INI file may be written: inside a writable area, not behind a link that
+// leads out of it. Asked once per file and run (the file is loaded); a refusal is logged once.
 bool mayWrite(const std::string& logical);
 
 // Replaces a file with raw bytes through the atomic writer.

@@ -59,22 +59,28 @@ CachedFile* entryFor(const std::string& logical) {
     // the cache holds each file once, as lines.
     std::string bytes;
     int err = fs::readFile(logical, bytes, fs::FileKind::kIni);
-    if (!err)
-        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(bytes));
+    if (!err)  // the text takes over the bytes as read: no second copy of the file
+        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(std::move(bytes)));
     else
         entry.unreadable = err != ENOENT;
     return &files.emplace(key, std::move(entry)).first->second;
+}
+
+// Whether the file may be written, asked of the filesystem once per file and run: the
+// answer costs a resolution of the path, and the translation asks it for every rule.
+bool writable(CachedFile& entry) {
+    if (!entry.writableKnown) {
+        entry.writable = fs::mayWrite(entry.logical);
+        entry.writableKnown = true;
+    }
+    return entry.writable;
 }
 
 // The entry of a file that may be changed, or null: see storeIni.
 CachedFile* changeableEntry(const std::string& logical) {
     CachedFile* entry = entryFor(logical);
     if (!entry || entry->unreadable) return nullptr;
-    if (!entry->writableKnown) {
-        entry->writable = fs::mayWrite(entry->logical);
-        entry->writableKnown = true;
-    }
-    return entry->writable ? entry : nullptr;
+    return writable(*entry) ? entry : nullptr;
 }
 
 void markChanged(CachedFile& entry) {
@@ -87,6 +93,11 @@ void markChanged(CachedFile& entry) {
 IniPtr loadIni(const std::string& logical) {
     CachedFile* entry = entryFor(logical);
     return entry ? entry->text : nullptr;
+}
+
+bool iniMayWrite(const std::string& logical) {
+    CachedFile* entry = entryFor(logical);
+    return entry ? writable(*entry) : fs::mayWrite(logical);
 }
 
 bool iniUnreadable(const std::string& logical) {
@@ -109,7 +120,11 @@ bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelp
     auto target = entry->text && entry->text.use_count() == 1
                       ? entry->text
                       : std::make_shared<ETL_FileHelper::IniText>(entry->text ? *entry->text : ETL_FileHelper::IniText());
+    unsigned long before = target->revision();
     if (!change(*target)) return false;
+    // Values that were already there change nothing: the file is not marked, nothing is
+    // serialized or compared at the commit, and a copy made for the change is dropped.
+    if (entry->text && target->revision() == before) return true;
     entry->text = std::move(target);
     markChanged(*entry);
     return true;
@@ -125,16 +140,22 @@ IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector
         target = entry->text;
     else
         target = std::make_shared<ETL_FileHelper::IniText>(*base);
+    unsigned long before = base->revision();
     for (const PendingValue& v : values) target->set(v.section, v.key, v.value);
+    // A document that saves the file's own content with values already in it changes
+    // nothing: most saves of an ordinary boot, which then write and compare nothing.
+    if (entry->text == base && target->revision() == before) return entry->text;
     entry->text = target;
     markChanged(*entry);
     return target;
 }
 
+// The filesystem first: for a file that is there, which is most, one resolution of the
+// path answers; the identity is looked for only to find a file that is still pending.
 bool iniExists(const std::string& logical) {
+    if (fs::pathExists(logical)) return true;
     auto it = cache().files.find(keyOf(logical));
-    if (it != cache().files.end() && (it->second.text || it->second.unreadable)) return true;
-    return fs::pathExists(logical);
+    return it != cache().files.end() && (it->second.text || it->second.unreadable);
 }
 
 bool commitFiles() {
@@ -155,6 +176,7 @@ bool commitFiles() {
     c.dirtyOrder.clear();
     // Spellings are resolved again in the next step: this one may have made files.
     c.keys.clear();
+    fs::forgetDirectories();
     return ok;
 }
 
@@ -169,6 +191,7 @@ bool readBytes(const std::string& logical, std::string& bytes, fs::FileKind kind
 void forgetFile(const std::string& logical) {
     cache().files.erase(keyOf(logical));
     cache().keys.clear();
+    fs::forgetDirectories();
 }
 
 void discardAll() {

@@ -43,6 +43,10 @@ IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector
 // True when the file exists, or will once the pending changes are committed.
 bool iniExists(const std::string& logical);
 
+// True when the file may be written (see fs::mayWrite); asked of the filesystem once
+// per file and run.
+bool iniMayWrite(const std::string& logical);
+
 // True when the file exists but cannot be read (the failed read was logged once).
 // Such a file is never written over; a step may also skip an item that would rest on it.
 bool iniUnreadable(const std::string& logical);

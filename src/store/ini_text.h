@@ -1,16 +1,19 @@
 // The INI document model: a lossless, line-based view of one configuration file.
 //
-// Every line of the file is kept with its own bytes and its own line ending, so a
-// file that is loaded and saved again comes back byte for byte except where a
-// value was set. Sections and keys are found through indexes of their first
-// occurrence (a duplicate is kept in the text but never addressed).
+// The file's bytes are held once, as read, and shared by every copy of the document.
+// Lines are places in those bytes; only a line that was changed or added has text of
+// its own. A section's lines are found when somebody first reads or writes in that
+// section, so sections nobody asks about cost the scan that finds their header and
+// are written back as the bytes they were. Sections and keys are found through
+// indexes of their first occurrence (a duplicate is kept in the text but never
+// addressed).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace ETL_FileHelper {
@@ -32,17 +35,17 @@ protected:
 // How a line ends: the file's own bytes, kept so an untouched line comes back as it was.
 enum class LineEnd : unsigned char { kNone, kLf, kCrLf };
 
-// One line inside a section or before the first section. The line is kept as one
-// text (without its ending) with the places of the key's name and value in it, so
-// parsing a file costs one allocation per line and writing it back is a copy.
+class iniSection;
+
+// A line of a section (or before the first section) as a walk over the document
+// hands it out: a handle on the line inside its section, valid until the next change.
 class iniLine : public iniObject {
 public:
-    static iniLine parse(std::string_view raw, LineEnd end);
-    static iniLine makeKey(std::string_view name, std::string_view value, LineEnd end);
+    iniLine(iniSection* section, uint32_t index) : section_(section), index_(index) {}
 
-    int type() const override { return isKey_ ? kKey : kTextLine; }
-    std::string_view name() const { return std::string_view(text_).substr(nameBegin_, nameLength_); }
-    std::string_view value() const { return std::string_view(text_).substr(valueBegin_, valueLength_); }
+    int type() const override;
+    std::string_view name() const;
+    std::string_view value() const;
 
     // The key's value, or `def` for a line that holds no key.
     std::string GetValue(std::string_view def = "") const;
@@ -50,59 +53,111 @@ public:
     // and for values the file syntax cannot carry.
     bool SetValue(std::string_view value);
 
-    void appendTo(std::string& out) const;
-
 private:
-    friend class iniSection;
-    friend class IniText;
-
-    std::string text_;  // the whole line without its ending
-    unsigned nameBegin_ = 0;
-    unsigned nameLength_ = 0;
-    unsigned valueBegin_ = 0;
-    unsigned valueLength_ = 0;
-    LineEnd end_ = LineEnd::kLf;
-    bool isKey_ = false;
+    iniSection* section_;
+    uint32_t index_;
 };
 using iniKey = iniLine;
 
+// Positions of names, found by hashing: one number per name, the names themselves
+// stay where they are (in the file's bytes), so building it allocates once.
+class NameIndex {
+public:
+    bool built() const { return !slots_.empty(); }
+    void clear() { slots_.clear(); used_ = 0; }
+    // `nameOf(i)` gives the name at position i, or nullopt for a position without one.
+    template <typename NameOf>
+    void build(uint32_t count, NameOf nameOf);
+    template <typename NameOf>
+    long find(std::string_view name, NameOf nameOf) const;
+    // Adds a position whose name is not in the index yet.
+    template <typename NameOf>
+    void add(uint32_t position, NameOf nameOf);
+
+private:
+    template <typename NameOf>
+    void place(std::string_view name, uint32_t position, NameOf nameOf);
+    std::vector<uint32_t> slots_;  // position + 1; 0 is a free slot
+    uint32_t used_ = 0;
+};
+
 class iniSection : public iniObject {
 public:
-    iniSection(std::string header, std::string name, LineEnd end);
-
     int type() const override { return kSection; }
-    const std::string& name() const { return name_; }
+    std::string_view name() const;
 
     // Nodes of the section in file order; pointers stay valid until the next change.
     std::vector<iniObject*> objects();
 
-    const iniLine* findKey(std::string_view key) const;
-    // Sets the first key of that name, or adds it after the last key line.
-    bool setKey(std::string_view key, std::string_view value, LineEnd newline);
-
-    void appendLine(iniLine line) { lines_.push_back(std::move(line)); }
-    void appendTo(std::string& out) const;
-    // The ending of the section's last line (its header when it has none).
-    LineEnd& lastEnd();
-
 private:
+    friend class iniLine;
+    friend class IniText;
+
+    // One line: its text is `length` bytes at `begin` of the file, or, once changed,
+    // its own text in `edits_[begin]`. `eq` is the place of its '=', kNoKey when the
+    // line holds no key.
+    struct Line {
+        static constexpr uint32_t kNoKey = UINT32_MAX;
+        uint32_t begin;
+        uint32_t length;
+        uint32_t eq;
+        LineEnd end;
+        bool edited;
+    };
+
+    // A walk's line handles; a copy of the section starts without any.
+    struct Handles {
+        std::vector<iniLine> lines;
+        Handles() = default;
+        Handles(const Handles&) noexcept {}
+        Handles& operator=(const Handles&) noexcept {
+            lines.clear();
+            return *this;
+        }
+    };
+
+    iniSection(const std::string* bytes, uint32_t begin, uint32_t bodyBegin, LineEnd headerEnd);
+    static iniSection added(const std::string* bytes, std::string_view name, LineEnd end);
+
+    std::string_view textOf(const Line& line) const;
+    std::string_view nameOf(const Line& line) const;
+    std::string_view valueOf(const Line& line) const;
+    bool hasHeader() const { return added_ || bodyBegin_ > begin_; }
+    std::string_view header() const;
+    void parseLines() const;
+    const Line* findKey(std::string_view key) const;
     // Index of the first key line of that name, or -1.
     long indexOf(std::string_view key) const;
+    enum class Outcome { kRefused, kSame, kChanged };
+    Outcome setLineValue(uint32_t index, std::string_view value);
+    // Sets the first key of that name, or adds it after the last key line.
+    Outcome setKey(std::string_view key, std::string_view value, LineEnd newline);
+    // The ending of the section's last line (its header when it has none), to change;
+    // null for lines before the first section when there are none.
+    LineEnd* lastEnd();
+    void appendTo(std::string& out) const;
 
-    std::string header_;
-    std::string name_;
-    LineEnd end_;
-    std::vector<iniLine> lines_;
-    // Built on the first look-up in a long section, never for sections nobody asks
-    // about: most sections of a file are read and written back untouched.
-    mutable std::unordered_map<std::string, size_t> keyIndex_;
-    mutable bool indexed_ = false;
+    const std::string* bytes_;  // the file's bytes, owned by the document
+    uint32_t begin_;            // where the header line starts (the preamble: its first line)
+    uint32_t bodyBegin_;        // where the first line after the header starts
+    uint32_t end_;              // where the next section starts
+    uint32_t lineCount_ = 0;    // lines of the body, counted when the file was read
+    LineEnd headerEnd_;
+    bool added_ = false;        // made by a set: the header is edits_[0]
+    bool changed_ = false;      // written back line by line, not as the bytes it was
+    mutable bool parsed_ = false;
+    mutable uint32_t scanned_ = 0;  // lines compared by searches without the index
+    mutable std::vector<Line> lines_;
+    mutable NameIndex keyIndex_;
+    std::vector<std::string> edits_;
+    Handles handles_;
 };
 
 // The whole file: an optional byte-order mark, lines before the first section, sections.
 class IniText {
 public:
-    static IniText parse(std::string_view bytes);
+    IniText();
+    static IniText parse(std::string bytes);
     std::string serialize() const;
 
     // The value of the first matching key; empty when the section or key is absent.
@@ -110,6 +165,9 @@ public:
     // Creates the section and the key when missing. False (nothing changed) when a
     // name or the value cannot be written in INI syntax and read back the same.
     bool set(std::string_view section, std::string_view key, std::string_view value);
+    // Moves with every set that changed the text; a set of the value already there, or a
+    // refused one, leaves it. Values changed through a walk's lines are not counted.
+    unsigned long revision() const { return revision_; }
 
     // Top-level nodes in file order: the lines before the first section, then the sections.
     std::vector<iniObject*> objects();
@@ -118,16 +176,17 @@ public:
     static bool isWritableValue(std::string_view value);
 
 private:
-    iniSection* findSection(std::string_view name);
     const iniSection* findSection(std::string_view name) const;
     LineEnd newline() const { return newline_ == LineEnd::kNone ? LineEnd::kLf : newline_; }
 
-    std::string bom_;
+    std::shared_ptr<const std::string> bytes_;
+    uint32_t bomLength_ = 0;
     LineEnd newline_ = LineEnd::kNone;  // ending used for added lines: the file's first one, else LF
-    size_t size_ = 0;                   // bytes of the file as parsed, to size the output at once
-    std::vector<iniLine> preamble_;
-    std::vector<iniSection> sections_;
-    std::unordered_map<std::string, size_t> sectionIndex_;
+    bool opaque_ = false;               // too long to address: kept whole, never searched or set
+    unsigned long revision_ = 0;
+    std::vector<iniSection> sections_;  // [0] holds the lines before the first section; none when empty
+    mutable NameIndex sectionIndex_;
+    mutable uint32_t sectionsScanned_ = 0;
 };
 
 }  // namespace ETL_FileHelper

@@ -190,6 +190,37 @@ int openDirInRoot(const std::string& rel, int& out) {
     return walkInRoot(r.fd, r.id, rel, out);
 }
 
+// Directories resolved since the store last committed, by the relative path that reached
+// them, with the areas they were found within. The files of one directory (fifty
+// certificates, seventeen account files) then cost a lookup of their own name each, not a
+// walk from the root and a climb to the area's home. Dropped at every commit, as the
+// store drops what it knows of spellings, and with the root.
+struct KnownDir {
+    int fd = -1;  // O_PATH, as openDirInRoot gave it; owned here
+    std::vector<std::pair<const Area*, bool>> within;  // verdicts of isWithin, by area
+};
+
+std::vector<std::pair<std::string, KnownDir>>& knownDirs() {
+    static std::vector<std::pair<std::string, KnownDir>> dirs;
+    return dirs;
+}
+
+void dropKnownDirs() {
+    for (auto& entry : knownDirs()) close(entry.second.fd);
+    knownDirs().clear();
+}
+
+// The directory `rel` names, opened once per step; null when it cannot be opened (`err`).
+KnownDir* knownDir(const std::string& rel, int& err) {
+    root();  // a new root forgets the directories of the old one
+    for (auto& entry : knownDirs())
+        if (entry.first == rel) return &entry.second;
+    int fd = -1;
+    if ((err = openDirInRoot(rel, fd)) != 0) return nullptr;
+    knownDirs().emplace_back(rel, KnownDir{fd, {}});
+    return &knownDirs().back().second;
+}
+
 // True when `dir` is `home` or lies below it. Climbs with ".." as the kernel sees the
 // tree (through mount points), so no spelling of a path can pass for another.
 bool isWithin(int dir, const FileId& home, const FileId& rootId) {
@@ -284,15 +315,15 @@ int resolve(std::string_view logical, Access access, Location& out) {
 
     // The directory is resolved by the kernel; a link in the last place is followed here,
     // one at a time, so that its target's directory and name are known.
-    Fd dir;
+    KnownDir* dir = nullptr;
     for (int links = 0;; ++links) {
-        int fd = -1;
-        if (int err = openDirInRoot(dirRel, fd)) {
+        int err = 0;
+        if (!(dir = knownDir(dirRel, err))) {
             // A link whose target is not there still says where it leads.
             bool leaves = links > 0 && area && areaOf("/" + dirRel + "/" + name) != area;
             return leaves ? kLinkLeavesArea : err;
         }
-        dir.reset(fd);
+        int fd = dir->fd;
         struct stat st;
         if (fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) break;
         if (area && !area->followLinks) break;  // never followed: the record is judged as found
@@ -305,14 +336,17 @@ int resolve(std::string_view logical, Access access, Location& out) {
         if (name.empty() || name == "." || name == "..") return EISDIR;
     }
     if (area) {
-        FileId home;
-        if (int err = areaHome(*area, home)) return err;
-        bool inside = area->tree ? isWithin(dir.get(), home, root().id)
-                                 : idOf(dir.get()) == std::optional<FileId>(home) && name == baseName(area->path);
-        if (!inside) return kLinkLeavesArea;
+        auto known = std::find_if(dir->within.begin(), dir->within.end(), [area](const auto& w) { return w.first == area; });
+        if (known == dir->within.end()) {
+            FileId home;
+            if (int err = areaHome(*area, home)) return err;
+            bool inside = area->tree ? isWithin(dir->fd, home, root().id) : idOf(dir->fd) == std::optional<FileId>(home);
+            known = dir->within.insert(dir->within.end(), {area, inside});
+        }
+        if (!known->second || (!area->tree && name != baseName(area->path))) return kLinkLeavesArea;
     }
     // fsync and listing need a descriptor opened for reading, not a bare O_PATH one.
-    int readable = openat(dir.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int readable = openat(dir->fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (readable < 0) return errno;
     if (out.dir >= 0) close(out.dir);
     out.dir = readable;
@@ -386,7 +420,10 @@ void reportOnce(const char* what, std::string_view logical, int err) {
     report("Cannot %s [%.*s]: %s", what, static_cast<int>(logical.size()), logical.data(), describe(err));
 }
 
+void forgetDirectories() { dropKnownDirs(); }
+
 void forgetRoot() {
+    dropKnownDirs();
     Root& r = rootState();
     if (r.fd >= 0) close(r.fd);
     r.fd = -1;

@@ -62,3 +62,27 @@ TEST(IniText, EveryWritableValueReadsBackAndTheRestIsRefused) {
         EXPECT_EQ(doc.serialize(), "[A]\nk=old\n");
     }
 }
+
+// Long sections and files of many sections are searched through indexes once they are
+// searched often; those find what a walk finds, the first of a name, also after sets.
+TEST(IniText, RepeatedSearchesFindTheFirstOfANameAfterSetsToo) {
+    auto number = [](int n) { return std::to_string(n); };
+    std::string text;
+    for (int s = 0; s < 12; ++s) {  // S0 and S1 come twice, every key name twice a section
+        text += "[S" + number(s % 10) + "]\n";
+        for (int k = 0; k < 12; ++k) text += "k" + number(k % 10) + " = " + number(s * 100 + k) + "\n";
+    }
+    IniText doc = IniText::parse(text);
+    for (int round = 0; round < 4; ++round)
+        for (int s = 0; s < 10; ++s)
+            for (int k = 0; k < 10; ++k) ASSERT_EQ(doc.find("S" + number(s), "k" + number(k)), number(s * 100 + k));
+    ASSERT_TRUE(doc.set("S3", "new", "v") && doc.set("S10", "k0", "w") && doc.set("S1", "k1", "x"));
+    IniText reread = IniText::parse(doc.serialize());
+    for (const IniText* d : {&doc, &reread}) {
+        EXPECT_EQ(d->find("S3", "new"), "v");
+        EXPECT_EQ(d->find("S10", "k0"), "w");
+        EXPECT_EQ(d->find("S1", "k1"), "x");
+        EXPECT_EQ(d->find("S1", "k2"), "102");
+    }
+    EXPECT_NE(doc.serialize().find("k1 = 1101\n"), std::string::npos);  // the second [S1] is left alone
+}

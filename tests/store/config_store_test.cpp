@@ -29,12 +29,13 @@ protected:
 }  // namespace
 
 TEST_F(Store, EveryCompletedWriteIsSeenByEveryFamily) {
-    // Each writer sets Net/k to a new number; each reader must then see it.
-    std::function<void(int)> writers[] = {
-        [](int v) { etlSetProfileInt(kUser, "Net", "k", v); },
-        [](int v) { etlSetRegistryInt(kUser, "Net", "k", v); },
-        [](int v) { HREGISTRY h = registryOpen(kUser, "Net"); registrySetInt(h, "k", v); registryFlush(h); },
-        [](int v) { iniFile f; f.LoadFromFile(kUser); f.SetTextValue("Net", "k", std::to_string(v)); f.SaveToFile(); },
+    // Each writer sets Net/k to a new number, and again (a set of the value already there
+    // succeeds too); each reader must then see it.
+    std::function<bool(int)> writers[] = {
+        [](int v) { return etlSetProfileInt(kUser, "Net", "k", v); },
+        [](int v) { return etlSetRegistryInt(kUser, "Net", "k", v); },
+        [](int v) { HREGISTRY h = registryOpen(kUser, "Net"); return registrySetInt(h, "k", v) && registryFlush(h); },
+        [](int v) { iniFile f; f.LoadFromFile(kUser); f.SetTextValue("Net", "k", std::to_string(v)); return f.SaveToFile(); },
     };
     std::function<int()> readers[] = {
         [] { return etlGetProfileInt(kUser, "Net", "k", -9); },
@@ -45,7 +46,7 @@ TEST_F(Store, EveryCompletedWriteIsSeenByEveryFamily) {
     int value = 0;
     for (auto& writeValue : writers)
         for (auto& readValue : readers) {
-            writeValue(++value);
+            EXPECT_TRUE(writeValue(++value) && writeValue(value)) << value;
             EXPECT_EQ(readValue(), value);
         }
     // A handle reads back what it set before its flush; nobody else sees that yet.

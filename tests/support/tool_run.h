@@ -82,7 +82,7 @@ struct Run {
         dup2(open((work + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
         dup2(open((work + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     } else if (o.streams == Streams::kClosed) {
-        close(1), close(2);
+        close(0), close(1), close(2);
     } else {
         dup2(pipeEnd, 1), dup2(pipeEnd, 2);
     }

@@ -347,13 +347,13 @@ int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
     return err == kUntrustedRecord ? ENOENT : err;
 }
 
+// One look at the name (500 certificates are tested at a boot): no descriptor is opened.
 bool pathExists(const std::string& logical) {
-    Location at;
-    int err = resolve(logical, Access::kRead, at);
+    Lookup found;
+    int err = lookup(logical, Access::kRead, found);
     if (err == kLinkLeavesArea) return true;  // something is there; reading it is refused
-    struct stat st;
-    if (err || fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
-    if (at.ownFileOnly && !ownedAndGuarded(st)) {
+    if (err || !found.present) return false;
+    if (found.ownFileOnly && !ownedAndGuarded(found.st)) {
         reportOnce("read", logical, kUntrustedRecord);
         return false;
     }
@@ -361,8 +361,8 @@ bool pathExists(const std::string& logical) {
 }
 
 bool mayWrite(const std::string& logical) {
-    Location at;
-    int err = resolve(logical, Access::kWrite, at);
+    Lookup found;
+    int err = lookup(logical, Access::kWrite, found);
     if (err < 0) reportOnce("write", logical, err);
     return err == 0;
 }

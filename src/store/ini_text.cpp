@@ -212,6 +212,14 @@ std::vector<iniObject*> iniSection::objects() {
     return out;
 }
 
+// A walk looks at one byte of most lines: a key line that starts with its name (most
+// do) cannot carry a name of another first byte, nor one longer than what precedes '='.
+bool iniSection::mayBeNamed(const Line& line, std::string_view key) const {
+    if (line.eq == Line::kNoKey || key.empty() || key.size() > line.eq) return false;
+    char first = textOf(line).front();
+    return first == key.front() || isBlank(first);
+}
+
 long iniSection::indexOf(std::string_view key) const {
     parseLines();
     auto names = [this](uint32_t i) -> std::optional<std::string_view> {
@@ -221,7 +229,7 @@ long iniSection::indexOf(std::string_view key) const {
     if (keyIndex_.built()) return keyIndex_.find(key, names);
     long found = -1;
     for (size_t i = 0; i < lines_.size() && found < 0; ++i)
-        if (lines_[i].eq != Line::kNoKey && nameOf(lines_[i]) == key) found = static_cast<long>(i);
+        if (mayBeNamed(lines_[i], key) && nameOf(lines_[i]) == key) found = static_cast<long>(i);
     // Once searches have cost a few walks of the section, an index pays for itself:
     // a rule or a key then costs its own name, however many keys the section holds.
     scanned_ += found < 0 ? static_cast<uint32_t>(lines_.size()) : static_cast<uint32_t>(found + 1);

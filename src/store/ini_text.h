@@ -125,6 +125,7 @@ private:
     bool hasHeader() const { return added_ || bodyBegin_ > begin_; }
     std::string_view header() const;
     void parseLines() const;
+    bool mayBeNamed(const Line& line, std::string_view key) const;
     const Line* findKey(std::string_view key) const;
     // Index of the first key line of that name, or -1.
     long indexOf(std::string_view key) const;

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <time.h>
@@ -15,6 +14,7 @@
 #include <set>
 #include <utility>
 
+#include "store/pages.h"
 #include "store/report.h"
 
 namespace store::fs {
@@ -79,21 +79,6 @@ int openRegular(const Location& at, Fd& fd, struct stat& st) {
     return 0;
 }
 
-// A page of fresh memory costs a fault when it is first touched, and under a hypervisor
-// a fault costs several microseconds: the configuration of a large phone is a thousand
-// pages. Asking for the pages of a text's storage at once costs one call. Best effort:
-// a kernel before 5.14 refuses the call and the pages come one by one, as before.
-void prefault(std::string& bytes) {
-#ifdef MADV_POPULATE_WRITE
-    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    uintptr_t begin = (reinterpret_cast<uintptr_t>(bytes.data()) + page - 1) & ~(page - 1);
-    uintptr_t end = (reinterpret_cast<uintptr_t>(bytes.data()) + bytes.capacity()) & ~(page - 1);
-    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
-#else
-    (void)bytes;
-#endif
-}
-
 // Reads at most `limit` bytes; a longer file (one that grew, too) is refused whole.
 // The bytes go straight into the text, sized by the file's status with a byte to spare
 // to see the end: no second copy of the file, and two reads for a file that did not
@@ -102,7 +87,7 @@ int readLimited(int fd, const struct stat& st, size_t limit, std::string& bytes)
     if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > limit) return EFBIG;
     bytes.clear();
     bytes.reserve(static_cast<size_t>(st.st_size) + 1);
-    prefault(bytes);
+    prefaultPages(&bytes[0], bytes.capacity());
     bytes.resize(static_cast<size_t>(st.st_size) + 1);
     size_t size = 0;
     for (;;) {

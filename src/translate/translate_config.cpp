@@ -64,8 +64,9 @@ bool translateConfig() {
         return false;
     }
     bool lockOn = lockIsOn();
+    std::string bytes;  // the rule file, parsed in place: it must outlive the document
     pugi::xml_document doc;
-    if (!store::loadXmlFile(kRuleFile, doc)) {
+    if (!store::loadXmlFileInPlace(kRuleFile, doc, bytes)) {
         app_log(60, 4, "Load translate file failed!\n");
         return false;
     }

@@ -279,6 +279,10 @@ bool listDirectory(const std::string& logical, std::vector<std::string>& names) 
     return fs::listDirectory(logical, names);
 }
 
+bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
+    return fs::listPlainEntries(logical, names);
+}
+
 void reset() {
     discardAll();
     openHandles().clear();

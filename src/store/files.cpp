@@ -176,7 +176,8 @@ int syncDirectory(int dir) { return fsync(dir) == 0 ? 0 : errno; }
 // Every entry but "." and ".."; returns 0 or the errno that stopped the listing.
 // readdir gives null both at the end and on an error (EOVERFLOW on a 32-bit build
 // without large-file support, EIO): only errno tells them apart.
-int listOpen(int dir, std::vector<std::string>& names) {
+// With `plainOnly`, links and entries of a type the system does not give are left out.
+int listOpen(int dir, std::vector<std::string>& names, bool plainOnly = false) {
     int own = openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (own < 0) return errno;
     DIR* d = fdopendir(own);
@@ -189,6 +190,7 @@ int listOpen(int dir, std::vector<std::string>& names) {
         errno = 0;
         dirent* entry = readdir(d);
         if (!entry) break;
+        if (plainOnly && (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN)) continue;
         std::string name = entry->d_name;
         if (name != "." && name != "..") names.push_back(std::move(name));
     }
@@ -410,13 +412,26 @@ bool removeFile(const std::string& logical) {
     return err == 0;
 }
 
-bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
+namespace {
+
+int listLogical(const std::string& logical, std::vector<std::string>& names, bool plainOnly) {
     int dir = -1;
     int err = openDirectory(logical, dir);
     if (!err) {
-        err = listOpen(dir, names);
+        err = listOpen(dir, names, plainOnly);
         close(dir);
     }
+    return err;
+}
+
+}  // namespace
+
+bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
+    return listLogical(logical, names, true) == 0;
+}
+
+bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
+    int err = listLogical(logical, names, false);
     std::string shown = logical;  // named as a directory is named in other lines: no trailing slash
     while (shown.size() > 1 && shown.back() == '/') shown.pop_back();
     if (err && err != ENOENT && err != ENOTDIR) logFailure("list", shown, err);

@@ -153,8 +153,8 @@ bool writeFile(const std::string& logical, const std::string& bytes);
 bool listDirectory(const std::string& logical, std::vector<std::string>& names);
 
 // The entries of a directory that certainly exist: all but links and entries of unknown
-// type, which pathFileExist judges one by one. False (and nothing logged) when the
-// directory cannot be listed.
+// type, which pathFileExist judges one by one. False when the directory cannot be
+// listed (logged unless it is missing).
 bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
 // Forgets every parsed file and handle without writing (used when the root changes).

@@ -414,28 +414,27 @@ bool removeFile(const std::string& logical) {
 
 namespace {
 
-int listLogical(const std::string& logical, std::vector<std::string>& names, bool plainOnly) {
+bool listLogical(const std::string& logical, std::vector<std::string>& names, bool plainOnly) {
     int dir = -1;
     int err = openDirectory(logical, dir);
     if (!err) {
         err = listOpen(dir, names, plainOnly);
         close(dir);
     }
-    return err;
+    std::string shown = logical;  // named as a directory is named in other lines: no trailing slash
+    while (shown.size() > 1 && shown.back() == '/') shown.pop_back();
+    if (err && err != ENOENT && err != ENOTDIR) logFailure("list", shown, err);
+    return err == 0;
 }
 
 }  // namespace
 
 bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
-    return listLogical(logical, names, true) == 0;
+    return listLogical(logical, names, true);
 }
 
 bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
-    int err = listLogical(logical, names, false);
-    std::string shown = logical;  // named as a directory is named in other lines: no trailing slash
-    while (shown.size() > 1 && shown.back() == '/') shown.pop_back();
-    if (err && err != ENOENT && err != ENOTDIR) logFailure("list", shown, err);
-    return err == 0;
+    return listLogical(logical, names, false);
 }
 
 }  // namespace store::fs

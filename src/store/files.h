@@ -50,8 +50,7 @@ bool removeFile(const std::string& logical);
 bool listDirectory(const std::string& logical, std::vector<std::string>& names);
 
 // As listDirectory, without the links and the entries of a type the system does not give:
-// every name left is there, whatever a lookup of it would follow. Logs nothing; a caller
-// that cannot list asks about each name on its own.
+// every name left is there, whatever a lookup of it would follow.
 bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
 }  // namespace store::fs

@@ -250,6 +250,25 @@ bool readFile(const std::string& logical, std::string& bytes) { return readBytes
 
 bool mayWrite(const std::string& logical) { return iniMayWrite(logical); }
 
+bool readText(const std::string& file, std::string_view section, std::string_view key, std::string& value) {
+    IniPtr text = loadIni(file);
+    if (!text) return false;
+    value.assign(text->find(section, key).value_or(std::string_view()));
+    return true;
+}
+
+TextSet setText(const std::string& file, std::string_view section, std::string_view key, std::string_view value) {
+    // The same order of questions as a document's load: the file is read (an unreadable
+    // one logged) before whether it may be written is asked.
+    if (!iniMayWrite(file) || !loadIni(file)) return TextSet::kFileRefused;
+    if (!isWritableSet(section, key, value)) {
+        reportRefusedSet(file, section, key);
+        return TextSet::kValueRefused;
+    }
+    changeFile(file, [&](IniText& doc) { return doc.set(section, key, value); });
+    return TextSet::kSet;
+}
+
 bool writeFile(const std::string& logical, const std::string& bytes) {
     commitFiles();
     forgetFile(logical);
@@ -258,6 +277,10 @@ bool writeFile(const std::string& logical, const std::string& bytes) {
 
 bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
     return fs::listDirectory(logical, names);
+}
+
+bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
+    return fs::listPlainEntries(logical, names);
 }
 
 void reset() {

@@ -132,11 +132,30 @@ bool readFile(const std::string& logical, std::string& bytes);
 // leads out of it. Asked once per file and run (the file is loaded); a refusal is logged once.
 bool mayWrite(const std::string& logical);
 
+// One key by path, for a step that reads and writes a key per item (the translation's
+// rules): the file comes from the run's cache and no document is made. False when the
+// file cannot be loaded (missing or unreadable); a missing key reads as the empty text.
+bool readText(const std::string& file, std::string_view section, std::string_view key, std::string& value);
+
+// How setText went.
+enum class TextSet { kFileRefused, kValueRefused, kSet };
+
+// Sets one key of an existing INI file, as loading it into a document, setting the key
+// and saving would: kFileRefused when the file may not be written (see mayWrite) or
+// cannot be loaded; kValueRefused (logged, never the value) when a name or the value
+// would not read back the same; otherwise kSet, also when the value was already there.
+TextSet setText(const std::string& file, std::string_view section, std::string_view key, std::string_view value);
+
 // Replaces a file with raw bytes through the atomic writer.
 bool writeFile(const std::string& logical, const std::string& bytes);
 
 // Entry names of a directory in the order the system gives them.
 bool listDirectory(const std::string& logical, std::vector<std::string>& names);
+
+// The entries of a directory that certainly exist: all but links and entries of unknown
+// type, which pathFileExist judges one by one. False when the directory cannot be
+// listed (logged unless it is missing).
+bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
 // Forgets every parsed file and handle without writing (used when the root changes).
 void reset();

@@ -29,12 +29,22 @@ struct Cache {
     std::unordered_map<std::string, CachedFile> files;
     std::unordered_map<std::string, std::string> keys;  // spelling -> identity, for one step
     std::vector<std::string> dirtyOrder;                 // identities
+    // The entry last looked up, by its spelling: a step asks about one file several
+    // times in a row (a rule's destination: may it be written, is it there, set it).
+    std::string lastSpelling;
+    CachedFile* lastEntry = nullptr;
 };
 
 // Created on first use, gone with the process.
 Cache& cache() {
     static Cache c;
     return c;
+}
+
+// Spellings are resolved again after this: files may have been made, moved or dropped.
+void forgetSpellings() {
+    cache().keys.clear();
+    cache().lastEntry = nullptr;
 }
 
 // The identity of a spelling; a path that cannot be resolved keys by its spelling.
@@ -46,9 +56,8 @@ const std::string& keyOf(const std::string& logical) {
     return keys.emplace(logical, id ? *id : "?" + fs::canonicalPath(logical)).first->second;
 }
 
-// The entry of a usable path (absolute), read on first use; null otherwise.
-CachedFile* entryFor(const std::string& logical) {
-    if (logical.empty() || logical.front() != '/') return nullptr;
+// The entry of a path, read on first use.
+CachedFile* findOrRead(const std::string& logical) {
     const std::string& key = keyOf(logical);
     auto& files = cache().files;
     auto it = files.find(key);
@@ -64,6 +73,17 @@ CachedFile* entryFor(const std::string& logical) {
     else
         entry.unreadable = err != ENOENT;
     return &files.emplace(key, std::move(entry)).first->second;
+}
+
+// The entry of a usable path (absolute), read on first use; null otherwise.
+CachedFile* entryFor(const std::string& logical) {
+    if (logical.empty() || logical.front() != '/') return nullptr;
+    Cache& c = cache();
+    if (c.lastEntry && c.lastSpelling == logical) return c.lastEntry;
+    CachedFile* entry = findOrRead(logical);
+    c.lastSpelling = logical;
+    c.lastEntry = entry;
+    return entry;
 }
 
 // Whether the file may be written, asked of the filesystem once per file and run: the
@@ -175,7 +195,7 @@ bool commitFiles() {
     }
     c.dirtyOrder.clear();
     // Spellings are resolved again in the next step: this one may have made files.
-    c.keys.clear();
+    forgetSpellings();
     fs::forgetDirectories();
     return ok;
 }
@@ -190,13 +210,13 @@ bool readBytes(const std::string& logical, std::string& bytes, fs::FileKind kind
 
 void forgetFile(const std::string& logical) {
     cache().files.erase(keyOf(logical));
-    cache().keys.clear();
+    forgetSpellings();
     fs::forgetDirectories();
 }
 
 void discardAll() {
     cache().files.clear();
-    cache().keys.clear();
+    forgetSpellings();
     cache().dirtyOrder.clear();
     fs::forgetRoot();
 }

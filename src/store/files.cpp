@@ -7,12 +7,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <set>
 #include <utility>
 
+#include "store/pages.h"
 #include "store/report.h"
 
 namespace store::fs {
@@ -78,19 +80,27 @@ int openRegular(const Location& at, Fd& fd, struct stat& st) {
 }
 
 // Reads at most `limit` bytes; a longer file (one that grew, too) is refused whole.
+// The bytes go straight into the text, sized by the file's status with a byte to spare
+// to see the end: no second copy of the file, and two reads for a file that did not
+// change meanwhile.
 int readLimited(int fd, const struct stat& st, size_t limit, std::string& bytes) {
     if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > limit) return EFBIG;
     bytes.clear();
-    bytes.reserve(static_cast<size_t>(st.st_size));
-    char buffer[16384];
+    bytes.reserve(static_cast<size_t>(st.st_size) + 1);
+    prefaultPages(&bytes[0], bytes.capacity());
+    bytes.resize(static_cast<size_t>(st.st_size) + 1);
+    size_t size = 0;
     for (;;) {
-        ssize_t n = read(fd, buffer, sizeof buffer);
+        if (size == bytes.size()) bytes.resize(std::min(limit + 1, 2 * bytes.size()));  // it grew
+        ssize_t n = read(fd, &bytes[size], bytes.size() - size);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) return errno;
-        if (n == 0) return 0;
-        if (bytes.size() + static_cast<size_t>(n) > limit) return EFBIG;
-        bytes.append(buffer, static_cast<size_t>(n));
+        if (n == 0) break;
+        size += static_cast<size_t>(n);
+        if (size > limit) return EFBIG;
     }
+    bytes.resize(size);
+    return 0;
 }
 
 int readAt(const Location& at, std::string& bytes, size_t limit, struct stat& st) {
@@ -166,7 +176,8 @@ int syncDirectory(int dir) { return fsync(dir) == 0 ? 0 : errno; }
 // Every entry but "." and ".."; returns 0 or the errno that stopped the listing.
 // readdir gives null both at the end and on an error (EOVERFLOW on a 32-bit build
 // without large-file support, EIO): only errno tells them apart.
-int listOpen(int dir, std::vector<std::string>& names) {
+// With `plainOnly`, links and entries of a type the system does not give are left out.
+int listOpen(int dir, std::vector<std::string>& names, bool plainOnly = false) {
     int own = openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (own < 0) return errno;
     DIR* d = fdopendir(own);
@@ -179,6 +190,7 @@ int listOpen(int dir, std::vector<std::string>& names) {
         errno = 0;
         dirent* entry = readdir(d);
         if (!entry) break;
+        if (plainOnly && (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN)) continue;
         std::string name = entry->d_name;
         if (name != "." && name != "..") names.push_back(std::move(name));
     }
@@ -347,13 +359,13 @@ int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
     return err == kUntrustedRecord ? ENOENT : err;
 }
 
+// One look at the name (500 certificates are tested at a boot): no descriptor is opened.
 bool pathExists(const std::string& logical) {
-    Location at;
-    int err = resolve(logical, Access::kRead, at);
+    Lookup found;
+    int err = lookup(logical, Access::kRead, found);
     if (err == kLinkLeavesArea) return true;  // something is there; reading it is refused
-    struct stat st;
-    if (err || fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
-    if (at.ownFileOnly && !ownedAndGuarded(st)) {
+    if (err || !found.present) return false;
+    if (found.ownFileOnly && !ownedAndGuarded(found.st)) {
         reportOnce("read", logical, kUntrustedRecord);
         return false;
     }
@@ -361,8 +373,8 @@ bool pathExists(const std::string& logical) {
 }
 
 bool mayWrite(const std::string& logical) {
-    Location at;
-    int err = resolve(logical, Access::kWrite, at);
+    Lookup found;
+    int err = lookup(logical, Access::kWrite, found);
     if (err < 0) reportOnce("write", logical, err);
     return err == 0;
 }
@@ -400,17 +412,29 @@ bool removeFile(const std::string& logical) {
     return err == 0;
 }
 
-bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
+namespace {
+
+bool listLogical(const std::string& logical, std::vector<std::string>& names, bool plainOnly) {
     int dir = -1;
     int err = openDirectory(logical, dir);
     if (!err) {
-        err = listOpen(dir, names);
+        err = listOpen(dir, names, plainOnly);
         close(dir);
     }
     std::string shown = logical;  // named as a directory is named in other lines: no trailing slash
     while (shown.size() > 1 && shown.back() == '/') shown.pop_back();
     if (err && err != ENOENT && err != ENOTDIR) logFailure("list", shown, err);
     return err == 0;
+}
+
+}  // namespace
+
+bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
+    return listLogical(logical, names, true);
+}
+
+bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
+    return listLogical(logical, names, false);
 }
 
 }  // namespace store::fs

@@ -49,4 +49,8 @@ bool removeFile(const std::string& logical);
 // Names of a directory's entries, except "." and "..", in the order the system returns them.
 bool listDirectory(const std::string& logical, std::vector<std::string>& names);
 
+// As listDirectory, without the links and the entries of a type the system does not give:
+// every name left is there, whatever a lookup of it would follow.
+bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
+
 }  // namespace store::fs

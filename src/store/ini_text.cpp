@@ -212,6 +212,14 @@ std::vector<iniObject*> iniSection::objects() {
     return out;
 }
 
+// A walk looks at one byte of most lines: a key line that starts with its name (most
+// do) cannot carry a name of another first byte, nor one longer than what precedes '='.
+bool iniSection::mayBeNamed(const Line& line, std::string_view key) const {
+    if (line.eq == Line::kNoKey || key.empty() || key.size() > line.eq) return false;
+    char first = textOf(line).front();
+    return first == key.front() || isBlank(first);
+}
+
 long iniSection::indexOf(std::string_view key) const {
     parseLines();
     auto names = [this](uint32_t i) -> std::optional<std::string_view> {
@@ -221,7 +229,7 @@ long iniSection::indexOf(std::string_view key) const {
     if (keyIndex_.built()) return keyIndex_.find(key, names);
     long found = -1;
     for (size_t i = 0; i < lines_.size() && found < 0; ++i)
-        if (lines_[i].eq != Line::kNoKey && nameOf(lines_[i]) == key) found = static_cast<long>(i);
+        if (mayBeNamed(lines_[i], key) && nameOf(lines_[i]) == key) found = static_cast<long>(i);
     // Once searches have cost a few walks of the section, an index pays for itself:
     // a rule or a key then costs its own name, however many keys the section holds.
     scanned_ += found < 0 ? static_cast<uint32_t>(lines_.size()) : static_cast<uint32_t>(found + 1);
@@ -230,9 +238,36 @@ long iniSection::indexOf(std::string_view key) const {
     return found;
 }
 
-const iniSection::Line* iniSection::findKey(std::string_view key) const {
+// The value of the first key line of that name, looked for in the file's bytes. The
+// lines it walks count towards the index, as a walk of parsed lines does.
+std::optional<std::string_view> iniSection::valueInBytes(std::string_view key) const {
+    if (key.empty()) return std::nullopt;  // no key line has an empty name
+    for (size_t pos = bodyBegin_; pos < end_;) {
+        std::string_view raw = lineAt(*bytes_, pos, end_);
+        pos += raw.size();
+        ++scanned_;
+        // The cheap look of mayBeNamed first: most lines start with a name of their own.
+        if (raw.front() != key.front() && !isBlank(raw.front())) continue;
+        LineEnd end;
+        std::string_view text = stripEnding(raw, &end);
+        uint32_t eq = equalsOf(text);
+        if (eq != Line::kNoKey && trimBlanks(text.substr(0, eq)) == key) return trimBlanks(text.substr(eq + 1));
+    }
+    return std::nullopt;
+}
+
+// A section that is only read is never parsed: most sections of an ordinary boot are
+// asked for a key or two, and their lines would cost more than the walks. Once walks
+// have cost a few of the section, it is parsed and indexed as any other.
+bool iniSection::readsFromBytes() const {
+    return !parsed_ && (lineCount_ <= kUnindexedLines || scanned_ <= 2 * lineCount_);
+}
+
+std::optional<std::string_view> iniSection::value(std::string_view key) const {
+    if (readsFromBytes()) return valueInBytes(key);
     long i = indexOf(key);
-    return i < 0 ? nullptr : &lines_[static_cast<size_t>(i)];
+    if (i < 0) return std::nullopt;
+    return valueOf(lines_[static_cast<size_t>(i)]);
 }
 
 iniSection::Outcome iniSection::setLineValue(uint32_t index, std::string_view value) {
@@ -264,6 +299,8 @@ LineEnd* iniSection::lastEnd() {
 }
 
 iniSection::Outcome iniSection::setKey(std::string_view key, std::string_view value, LineEnd newline) {
+    // The value already there, most sets of an ordinary boot, changes nothing: no parse.
+    if (readsFromBytes() && valueInBytes(key) == value) return Outcome::kSame;
     long found = indexOf(key);
     if (found >= 0) return setLineValue(static_cast<uint32_t>(found), value);
 
@@ -379,9 +416,8 @@ const iniSection* IniText::findSection(std::string_view name) const {
 
 std::optional<std::string_view> IniText::find(std::string_view section, std::string_view key) const {
     const iniSection* s = opaque_ ? nullptr : findSection(section);
-    const iniSection::Line* line = s ? s->findKey(key) : nullptr;
-    if (!line) return std::nullopt;
-    return s->valueOf(*line);
+    if (!s) return std::nullopt;
+    return s->value(key);
 }
 
 bool IniText::isWritableName(std::string_view name, char forbidden) {

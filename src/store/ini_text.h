@@ -125,7 +125,11 @@ private:
     bool hasHeader() const { return added_ || bodyBegin_ > begin_; }
     std::string_view header() const;
     void parseLines() const;
-    const Line* findKey(std::string_view key) const;
+    bool mayBeNamed(const Line& line, std::string_view key) const;
+    std::optional<std::string_view> valueInBytes(std::string_view key) const;
+    bool readsFromBytes() const;
+    // The value of the first key of that name, or nullopt.
+    std::optional<std::string_view> value(std::string_view key) const;
     // Index of the first key line of that name, or -1.
     long indexOf(std::string_view key) const;
     enum class Outcome { kRefused, kSame, kChanged };

@@ -305,7 +305,18 @@ Location::~Location() {
     if (dir >= 0) close(dir);
 }
 
-int resolve(std::string_view logical, Access access, Location& out) {
+namespace {
+
+// Where a path leads, found without opening anything of its own: the directory (one of
+// the known directories), the name in it, its area, and the name's own status.
+struct Found {
+    KnownDir* dir = nullptr;
+    std::string name;
+    const Area* area = nullptr;
+    Lookup lookup;
+};
+
+int locate(std::string_view logical, Access access, Found& out) {
     if (logical.empty() || logical.front() != '/') return EINVAL;
     const Area* area = areaOf(logical);
     if (access == Access::kWrite && !area) return kOutsideWritableAreas;
@@ -316,6 +327,8 @@ int resolve(std::string_view logical, Access access, Location& out) {
     // The directory is resolved by the kernel; a link in the last place is followed here,
     // one at a time, so that its target's directory and name are known.
     KnownDir* dir = nullptr;
+    struct stat st;
+    bool present = false;
     for (int links = 0;; ++links) {
         int err = 0;
         if (!(dir = knownDir(dirRel, err))) {
@@ -324,8 +337,8 @@ int resolve(std::string_view logical, Access access, Location& out) {
             return leaves ? kLinkLeavesArea : err;
         }
         int fd = dir->fd;
-        struct stat st;
-        if (fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) break;
+        present = fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+        if (!present || !S_ISLNK(st.st_mode)) break;
         if (area && !area->followLinks) break;  // never followed: the record is judged as found
         if (links >= kMaxLinks) return ELOOP;
         char target[4096];
@@ -345,14 +358,36 @@ int resolve(std::string_view logical, Access access, Location& out) {
         }
         if (!known->second || (!area->tree && name != baseName(area->path))) return kLinkLeavesArea;
     }
+    out.dir = dir;
+    out.name = std::move(name);
+    out.area = area;
+    out.lookup.present = present;
+    if (present) out.lookup.st = st;
+    out.lookup.ownFileOnly = area && area->ownFileOnly;
+    return 0;
+}
+
+}  // namespace
+
+int resolve(std::string_view logical, Access access, Location& out) {
+    Found found;
+    if (int err = locate(logical, access, found)) return err;
     // fsync and listing need a descriptor opened for reading, not a bare O_PATH one.
-    int readable = openat(dir->fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int readable = openat(found.dir->fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (readable < 0) return errno;
     if (out.dir >= 0) close(out.dir);
     out.dir = readable;
-    out.name = name;
+    out.name = std::move(found.name);
     out.privateFile = isPrivate(logical);
-    out.ownFileOnly = area && area->ownFileOnly;
+    out.ownFileOnly = found.lookup.ownFileOnly;
+    return 0;
+}
+
+// A question about a name costs the one look at it that resolving it makes anyway.
+int lookup(std::string_view logical, Access access, Lookup& out) {
+    Found found;
+    if (int err = locate(logical, access, found)) return err;
+    out = found.lookup;
     return 0;
 }
 
@@ -377,11 +412,11 @@ bool ownedAndGuarded(const struct stat& st) {
 }
 
 std::optional<std::string> identity(std::string_view logical) {
-    Location at;
-    if (resolve(logical, Access::kRead, at) != 0) return std::nullopt;
-    std::optional<FileId> id = idOf(at.dir);
+    Found found;
+    if (locate(logical, Access::kRead, found) != 0) return std::nullopt;
+    std::optional<FileId> id = idOf(found.dir->fd);
     if (!id) return std::nullopt;
-    return std::to_string(id->dev) + ":" + std::to_string(id->ino) + "/" + at.name;
+    return std::to_string(id->dev) + ":" + std::to_string(id->ino) + "/" + found.name;
 }
 
 std::optional<std::string> physicalPath(std::string_view logical) {

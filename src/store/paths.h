@@ -51,6 +51,18 @@ public:
 // Fills `out` and returns 0, or returns why the path cannot be used for `access`.
 int resolve(std::string_view logical, Access access, Location& out);
 
+// What a path names, found as resolve() finds it but without opening anything: for the
+// questions that need no descriptor (is something there, may it be written).
+struct Lookup {
+    bool present = false;      // the name is there, and `st` is its own status (a link
+    struct stat st {};         // the area does not follow is described as the link)
+    bool ownFileOnly = false;  // as Location's
+};
+
+// Fills `out` and returns 0, or returns why the path cannot be used for `access`,
+// exactly as resolve() would.
+int lookup(std::string_view logical, Access access, Lookup& out);
+
 // A whole directory path resolved for reading (listing); the descriptor or -errno/refusal.
 int openDirectory(std::string_view logical, int& dir);
 

@@ -13,6 +13,10 @@ namespace store {
 // status_file_not_found (all but the missing one logged).
 pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_document& doc);
 
+// As loadXmlFile, but the document is parsed inside `bytes`, which must outlive it: a
+// large file (the rule file) is then held once, not twice.
+pugi::xml_parse_result loadXmlFileInPlace(const std::string& logical, pugi::xml_document& doc, std::string& bytes);
+
 // Writes the bytes save_file(path, "\t", format_indent, encoding_auto) would write,
 // through the atomic writer; an unchanged file is not rewritten.
 bool saveXmlFile(const std::string& logical, const pugi::xml_document& doc);

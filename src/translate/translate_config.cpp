@@ -20,21 +20,22 @@ bool lockIsOn() {
     return user.GetIntValue("PhoneSetting", "EnLock", 0) != 0;
 }
 
-// A file that cannot be loaded reads as the empty text, not as the default.
-std::string readIniText(const std::string& file, const std::string& section, const std::string& key,
-                        const std::string& def) {
-    ETL_FileHelper::iniFile ini;
-    if (!ini.LoadFromFile(file)) {
-        std::printf("Can's load user's inifile [%s]!\n", file.c_str());
-        return "";
-    }
-    return ini.GetTextValue(section, key, def);
-}
+// Texts reused from rule to rule, so that a rule allocates nothing of its own.
+struct RuleBuffers {
+    std::string srcFile;
+    std::string dstFile;
+    std::string value;
+};
 
-// A rule without a complete source clears its destination, unprotected.
-std::string readRuleValue(const TranslateRule& rule, bool protect) {
-    if (rule.srcFile.empty() || rule.srcSec.empty() || rule.srcKey.empty()) return "";
-    return protectValue(readIniText(rule.srcFile, rule.srcSec, rule.srcKey, ""), protect);
+// A rule without a complete source clears its destination, unprotected. A source file
+// that cannot be loaded reads as the empty text, not as the default.
+void readRuleValue(const TranslateRule& rule, bool protect, RuleBuffers& buffers) {
+    buffers.value.clear();
+    if (rule.srcFile.empty() || rule.srcSec.empty() || rule.srcKey.empty()) return;
+    buffers.srcFile.assign(rule.srcFile);
+    if (!store::readText(buffers.srcFile, rule.srcSec, rule.srcKey, buffers.value))
+        std::printf("Can's load user's inifile [%s]!\n", buffers.srcFile.c_str());
+    if (protect) buffers.value = protectValue(buffers.value, true);
 }
 
 bool hasDestination(const TranslateRule& rule) {
@@ -42,17 +43,16 @@ bool hasDestination(const TranslateRule& rule) {
 }
 
 // False when the destination cannot be loaded: the run stops there. The source is
-// read and released before the destination is loaded, so an in-place rule reads
-// the file as it stood before the rule.
-bool applyRule(const TranslateRule& rule, bool lockOn) {
-    std::string value = readRuleValue(rule, lockOn && rule.dstEncrypt);
-    ETL_FileHelper::iniFile destination;
+// read into a text of its own before the destination is set, so an in-place rule
+// reads the file as it stood before the rule.
+bool applyRule(const TranslateRule& rule, bool lockOn, RuleBuffers& buffers) {
+    readRuleValue(rule, lockOn && rule.dstEncrypt, buffers);
+    buffers.dstFile.assign(rule.dstFile);
     // A destination outside the writable areas is one that cannot be loaded (logged once).
-    if (!store::mayWrite(rule.dstFile) || !destination.LoadFromFile(rule.dstFile)) {
+    if (store::setText(buffers.dstFile, rule.dstSec, rule.dstKey, buffers.value) == store::TextSet::kFileRefused) {
         std::puts("Can's load user's inifile!");
         return false;
     }
-    if (destination.SetTextValue(rule.dstSec, rule.dstKey, value)) destination.SaveToFile();
     return true;
 }
 
@@ -64,8 +64,9 @@ bool translateConfig() {
         return false;
     }
     bool lockOn = lockIsOn();
+    std::string bytes;  // the rule file, parsed in place: it must outlive the document
     pugi::xml_document doc;
-    if (!store::loadXmlFile(kRuleFile, doc)) {
+    if (!store::loadXmlFileInPlace(kRuleFile, doc, bytes)) {
         app_log(60, 4, "Load translate file failed!\n");
         return false;
     }
@@ -81,10 +82,11 @@ bool translateConfig() {
     }
     // Every item is looked at in document order; one without a complete destination
     // is passed over without a word.
+    RuleBuffers buffers;
     for (; item; item = item.next_sibling()) {
         TranslateRule rule = parseTranslateRule(item);
         if (!hasDestination(rule)) continue;
-        if (!applyRule(rule, lockOn)) return false;
+        if (!applyRule(rule, lockOn, buffers)) return false;
     }
     return true;
 }

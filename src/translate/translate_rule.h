@@ -3,16 +3,17 @@
 
 #include <pugixml.hpp>
 
-#include <string>
+#include <string_view>
 
+// Views of the rule element's attribute texts: valid while its document lives.
 struct TranslateRule {
-    std::string dstFile;  // defaulted from srcFile
-    std::string dstSec;   // defaulted from srcSec
-    std::string dstKey;   // defaulted from srcKey
+    std::string_view dstFile;  // defaulted from srcFile
+    std::string_view dstSec;   // defaulted from srcSec
+    std::string_view dstKey;   // defaulted from srcKey
     bool dstEncrypt = false;
-    std::string srcFile;  // as written, never defaulted
-    std::string srcSec;
-    std::string srcKey;
+    std::string_view srcFile;  // as written, never defaulted
+    std::string_view srcSec;
+    std::string_view srcKey;
 };
 
 // Builds the rule of one child node of the rule file's root element. Never fails:

@@ -88,9 +88,11 @@ CachedFile* entryFor(const std::string& logical) {
 
 // Whether the file may be written, asked of the filesystem once per file and run: the
 // answer costs a resolution of the path, and the translation asks it for every rule.
-bool writable(CachedFile& entry) {
+// It is asked with the spelling being written, not the one the file was first read by,
+// so a refusal names the path the writer gave.
+bool writable(CachedFile& entry, const std::string& asked) {
     if (!entry.writableKnown) {
-        entry.writable = fs::mayWrite(entry.logical);
+        entry.writable = fs::mayWrite(asked);
         entry.writableKnown = true;
     }
     return entry.writable;
@@ -100,7 +102,7 @@ bool writable(CachedFile& entry) {
 CachedFile* changeableEntry(const std::string& logical) {
     CachedFile* entry = entryFor(logical);
     if (!entry || entry->unreadable) return nullptr;
-    return writable(*entry) ? entry : nullptr;
+    return writable(*entry, logical) ? entry : nullptr;
 }
 
 void markChanged(CachedFile& entry) {
@@ -117,7 +119,7 @@ IniPtr loadIni(const std::string& logical) {
 
 bool iniMayWrite(const std::string& logical) {
     CachedFile* entry = entryFor(logical);
-    return entry ? writable(*entry) : fs::mayWrite(logical);
+    return entry ? writable(*entry, logical) : fs::mayWrite(logical);
 }
 
 bool iniUnreadable(const std::string& logical) {

@@ -51,12 +51,22 @@ Mode parseMode(const char* text) {
     return kOther;
 }
 
-bool backlightGateOpen() { return etlGetRegistryInt("/config/version.ini", "SyncConfig", "bEnableFromOld", 1) != 0; }
+// A gate's file that exists but cannot be read closes the gate: its default would stand
+// in for a flag nobody could see, and a conversion run twice loses the setting. The store
+// logs the failed read, and the next run asks again.
+bool backlightGateOpen() {
+    const char* file = "/config/version.ini";
+    bool enabled = etlGetRegistryInt(file, "SyncConfig", "bEnableFromOld", 1) != 0;
+    return enabled && !store::unreadable(file);
+}
 
-// The user side is read only when the factory side asks for recording.
+// The user side is read only when the factory side asks for recording. (An unreadable
+// factory file reads as 0, which already keeps the gate closed.)
 bool recordingGateOpen() {
-    return etlGetProfileInt("/phone/factory/user/user.ini", "Sync", "SyncCfgByVersion", 0) == 1 &&
-           etlGetProfileInt("/config/user/user.ini", "Sync", "SyncCfgByVersion", 0) == 0;
+    const char* factory = "/phone/factory/user/user.ini";
+    const char* user = "/config/user/user.ini";
+    return etlGetProfileInt(factory, "Sync", "SyncCfgByVersion", 0) == 1 &&
+           etlGetProfileInt(user, "Sync", "SyncCfgByVersion", 0) == 0 && !store::unreadable(user);
 }
 
 bool versionRecordExists() { return ETL_MiscHelper::pathFileExist("/tmp/VersionInfo.cfg") != 0; }

@@ -8,7 +8,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -76,37 +76,52 @@ struct Run {
     std::string log, out;
 };
 
-// The child's side: streams, limit, environment, then the tool in the root.
-[[noreturn]] inline void startTool(const std::string& work, const Options& o, int pipeEnd) {
-    if (o.streams == Streams::kFiles) {
-        dup2(open((work + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-        dup2(open((work + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    } else if (o.streams == Streams::kClosed) {
-        close(0), close(1), close(2);
-    } else {
-        dup2(pipeEnd, 1), dup2(pipeEnd, 2);
-    }
-    if (o.addressSpace) {
-        rlimit limit = {o.addressSpace, o.addressSpace};
-        setrlimit(RLIMIT_AS, &limit);
-    }
-    std::vector<std::string> env = {"CFGUPGRADE_ROOT=" + work + "/root"};
+// The tool's command line and environment: the wrapper (strace), a limit on its address
+// space (prlimit, which limits the tool alone), the tool, its arguments.
+inline void commandLine(const std::string& work, const Options& o, std::vector<std::string>& words,
+                        std::vector<std::string>& env) {
+    env = {"CFGUPGRADE_ROOT=" + work + "/root"};
     if (o.streams == Streams::kFiles) env.push_back("CFGUPGRADE_LOG=" + work + "/log");
     // LeakSanitizer cannot stop a process that strace traces.
     if (!o.wrap.empty()) env.push_back("ASAN_OPTIONS=detect_leaks=0");
     for (char** e = environ; *e; ++e)
         if (std::string(*e).rfind("CFGUPGRADE_", 0) != 0 && std::string(*e).rfind("ASAN_OPTIONS=", 0) != 0) env.push_back(*e);
     env.insert(env.end(), o.env.begin(), o.env.end());
-    std::vector<std::string> words = o.wrap;
+    words = o.wrap;
+    if (o.addressSpace) words.insert(words.end(), {"prlimit", "--as=" + std::to_string(o.addressSpace), "--"});
     for (const auto& w : command()) words.push_back(w);
     words.insert(words.end(), o.args.begin(), o.args.end());
+}
+
+// Starts the tool in the root. posix_spawn rather than fork: in a cross build this test
+// process runs under qemu-user, whose forked child cannot run the code between fork and exec.
+inline pid_t startTool(const std::string& work, const Options& o, const int ends[2]) {
+    std::vector<std::string> words, env;
+    commandLine(work, o, words, env);
     std::vector<char*> argv, envp;
     for (auto& w : words) argv.push_back(&w[0]);
     for (auto& e : env) envp.push_back(&e[0]);
     argv.push_back(nullptr), envp.push_back(nullptr);
-    umask(022);
-    if (chdir((work + "/root").c_str()) == 0) execvpe(argv[0], argv.data(), envp.data());
-    _exit(127);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (o.streams == Streams::kFiles) {
+        posix_spawn_file_actions_addopen(&actions, 1, (work + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, (work + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    } else if (o.streams == Streams::kClosed) {
+        for (int fd = 0; fd <= 2; ++fd) posix_spawn_file_actions_addclose(&actions, fd);
+    } else {
+        posix_spawn_file_actions_adddup2(&actions, ends[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], 2);
+        posix_spawn_file_actions_addclose(&actions, ends[1]);
+        if (ends[0] >= 0) posix_spawn_file_actions_addclose(&actions, ends[0]);
+    }
+    posix_spawn_file_actions_addchdir_np(&actions, (work + "/root").c_str());
+    mode_t mask = umask(022);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
+    umask(mask);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
 }
 
 inline Run run(const std::string& work, const Options& o = {}) {
@@ -122,9 +137,12 @@ inline Run run(const std::string& work, const Options& o = {}) {
         }
         fcntl(ends[1], F_SETFL, 0);
     }
-    pid_t pid = fork();
-    if (pid == 0) startTool(work, o, ends[1]);
-    close(ends[1]);
+    pid_t pid = startTool(work, o, ends);
+    if (ends[1] >= 0) close(ends[1]);
+    if (pid < 0) {
+        if (ends[0] >= 0) close(ends[0]);
+        return {};
+    }
     Run result;
     int status = 0;
     for (int waited = 0; waited < 6000; ++waited, usleep(10000))

@@ -443,7 +443,7 @@ std::string canonicalPath(std::string_view logical) {
     std::string out = logical.empty() || logical.front() != '/' ? "" : "/";
     for (size_t i = 0; i < parts.size(); ++i) out.append(i ? "/" : "").append(parts[i]);
     // A trailing slash, dot or dot-dot is kept as a slash: "/a.ini/" names no file, "/a.ini" may.
-    std::string_view last = logical.substr(logical.rfind('/') == std::string_view::npos ? 0 : logical.rfind('/') + 1);
+    std::string_view last = logical.substr(logical.rfind('/') + 1);  // npos + 1 is 0: no slash, all of it
     bool endsInDirectory = !logical.empty() && (logical.back() == '/' || last == "." || last == "..");
     if (endsInDirectory && (out.empty() || out.back() != '/')) out += '/';
     return out;

@@ -8,7 +8,7 @@
 CRYPTO_DEV := nettle-dev
 # Libraries the tool and its tests build against: the host's, and under cross-test the target's.
 LIB_DEV  := libgtest-dev libpugixml-dev $(CRYPTO_DEV)
-# The other cipher, OpenSSL's, which the sanitizer build uses so that both are tested.
+# The other cipher, OpenSSL's: the sanitizer build uses it, and every build tests it beside Nettle.
 OTHER_CRYPTO_DEV := libssl-dev
 PACKAGES := cmake g++ make pkg-config $(LIB_DEV) $(OTHER_CRYPTO_DEV) diffutils strace attr acl
 FUZZ_PACKAGES := clang libclang-rt-dev

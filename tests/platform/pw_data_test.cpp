@@ -32,6 +32,7 @@ TEST(PasswordRoutines, RoundTripUpToTheBoundAndNothingElseDecrypts) {
     struct { int (*routine)(const char*, char*); std::string input; int failed; std::string text; } cases[] = {
         {pw_data_decrypt, sealed(longest), 0, longest},
         {pw_data_decrypt, secret, 0, "secret"},
+        {pw_data_decrypt, "pw1:CbFbtP01AQk5QE0nL4Vo8ISSGBb4TNE3CUn7vLuImvI_Ng", 0, "secret"},  // sealed once, long ago: both ciphers open it
         {pw_data_encrypt, secret, 0, secret},
         {pw_data_encrypt, "", 0, ""},
         {pw_data_encrypt, longest + "x", 1, ""},

@@ -4,6 +4,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -55,7 +56,7 @@ void encodeBase64Url(const unsigned char* data, std::size_t n, char* text) {
         unsigned long group = static_cast<unsigned long>(data[i]) << 16;
         if (i + 1 < n) group |= static_cast<unsigned long>(data[i + 1]) << 8;
         if (i + 2 < n) group |= data[i + 2];
-        std::size_t chars = n - i >= 3 ? 4 : n - i + 1;
+        std::size_t chars = std::min<std::size_t>(n - i, 3) + 1;  // 3 bytes make 4, fewer one more than they are
         for (std::size_t c = 0; c < chars; ++c) *text++ = kBase64Url[(group >> (18 - 6 * c)) & 0x3f];
     }
     *text = '\0';

@@ -18,8 +18,7 @@ struct CachedFile {
     // can see is made in place; readers get it as IniPtr, read-only.
     std::shared_ptr<ETL_FileHelper::IniText> text;
     bool unreadable = false; // exists but could not be read: never written over
-    bool writable = false;   // may be written (known once a change is asked for)
-    bool writableKnown = false;
+    std::optional<bool> writable;  // may be written; asked once, when a change is first asked for
     bool dirty = false;
 };
 
@@ -91,11 +90,8 @@ CachedFile* entryFor(const std::string& logical) {
 // It is asked with the spelling being written, not the one the file was first read by,
 // so a refusal names the path the writer gave.
 bool writable(CachedFile& entry, const std::string& asked) {
-    if (!entry.writableKnown) {
-        entry.writable = fs::mayWrite(asked);
-        entry.writableKnown = true;
-    }
-    return entry.writable;
+    if (!entry.writable) entry.writable = fs::mayWrite(asked);
+    return *entry.writable;
 }
 
 // The entry of a file that may be changed, or null: see storeIni.

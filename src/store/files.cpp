@@ -248,8 +248,10 @@ int readAttributes(int fd, std::vector<Attribute>& attributes) {
     if (int err = listAttributeNames(fd, names)) return err;
     for (const std::string& name : names) {
         ssize_t size = fgetxattr(fd, name.c_str(), nullptr, 0);
-        if (size < 0 && errno == ENODATA) continue;  // removed in between
-        if (size < 0) return errno;
+        if (size < 0) {
+            if (errno == ENODATA) continue;  // removed in between
+            return errno;
+        }
         std::string value(static_cast<size_t>(size), '\0');
         size = fgetxattr(fd, name.c_str(), &value[0], value.size());
         if (size < 0) return errno;

@@ -7,18 +7,18 @@ using ETL_FileHelper::IniText;
 
 TEST(IniText, ReadsValuesAsTheFileMeansThem) {
     IniText doc = IniText::parse("top=before any section\n[Net]\n password = a;b#c=d\"e\" \n; k=commented\n"
-                                 "empty=\nk=first\n[Net]\nk=second section\n[ Spaced ]\nK=upper\n");
+                                 "empty=\n  label = Line [2]\nk=first\n[Net]\nk=second section\n[ Spaced ]\nK=upper\n");
     // Found values in brackets, "-" for none.
     const std::pair<const char*, const char*> lookups[] = {
         {"Net", "password"}, {"Net", "empty"}, {"Net", "k"}, {"Spaced", "K"},
-        {"Net", "; k"},      {"Spaced", "k"},  {"", "top"},  {"net", "k"},
+        {"Net", "label"},    {"Net", "; k"},   {"Spaced", "k"}, {"", "top"}, {"net", "k"},
     };
     std::string found;
     for (const auto& [section, key] : lookups) {
         std::optional<std::string_view> value = doc.find(section, key);
         found += value ? "[" + std::string(*value) + "]" : "-";
     }
-    EXPECT_EQ(found, "[a;b#c=d\"e\"][][first][upper]----");
+    EXPECT_EQ(found, "[a;b#c=d\"e\"][][first][upper][Line [2]]----");
 }
 
 // A file comes back byte for byte, and after a set every line but the one set does.

@@ -284,6 +284,7 @@ const char* describe(int err) {
         case kNotRegularFile: return "not a regular file";
         case kUntrustedRecord: return "not a regular file of this user guarded from others";
         case kTooDeep: return "nested too deep";
+        case kNotAbsolute: return "not an absolute path";
         default: return std::strerror(err);
     }
 }
@@ -317,7 +318,7 @@ struct Found {
 };
 
 int locate(std::string_view logical, Access access, Found& out) {
-    if (logical.empty() || logical.front() != '/') return EINVAL;
+    if (logical.empty() || logical.front() != '/') return kNotAbsolute;
     const Area* area = areaOf(logical);
     if (access == Access::kWrite && !area) return kOutsideWritableAreas;
     std::string rel = relative(logical), dirRel, name;
@@ -392,7 +393,7 @@ int lookup(std::string_view logical, Access access, Lookup& out) {
 }
 
 int openDirectory(std::string_view logical, int& dir) {
-    if (logical.empty() || logical.front() != '/') return EINVAL;
+    if (logical.empty() || logical.front() != '/') return kNotAbsolute;
     int fd = -1;
     if (int err = openDirInRoot(relative(logical), fd)) return err;
     Fd guard(fd);

@@ -1,5 +1,6 @@
 #include "store/report.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -20,7 +21,7 @@ void report(const char* format, ...) {
     // A line names paths and keys of any length: measured first, then formatted whole.
     int length = std::vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
-    std::string line(length > 0 ? static_cast<size_t>(length) + 1 : 1, '\0');
+    std::string line(static_cast<size_t>(std::max(length, 0)) + 1, '\0');  // a failed measure: an empty line
     if (length > 0) std::vsnprintf(&line[0], line.size(), format, args);
     va_end(args);
     line.pop_back();

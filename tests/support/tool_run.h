@@ -216,7 +216,8 @@ inline Tree snapshot(const std::string& work) {
     Tree tree;
     for (auto it = fs::recursive_directory_iterator(work); it != fs::recursive_directory_iterator(); ++it) {
         std::string path = it->path().string(), name = path.substr(work.size());
-        if (name == "/log" || name == "/out" || name == "/err" || name == "/trace" || it->is_directory()) continue;
+        std::error_code loops;  // a chain of too many links is kept as the link it is
+        if (name == "/log" || name == "/out" || name == "/err" || name == "/trace" || it->is_directory(loops)) continue;
         name = name.rfind("/root/", 0) == 0 ? name.substr(5) : "/.." + name;
         struct stat st {};
         lstat(path.c_str(), &st);

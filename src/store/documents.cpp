@@ -94,7 +94,7 @@ bool writable(CachedFile& entry, const std::string& asked) {
     return *entry.writable;
 }
 
-// The entry of a file that may be changed, or null: see storeIni.
+// The entry of a file that may be changed, or null: see updateIni.
 CachedFile* changeableEntry(const std::string& logical) {
     CachedFile* entry = entryFor(logical);
     if (!entry || entry->unreadable) return nullptr;
@@ -121,15 +121,6 @@ bool iniMayWrite(const std::string& logical) {
 bool iniUnreadable(const std::string& logical) {
     CachedFile* entry = entryFor(logical);
     return entry && entry->unreadable;
-}
-
-bool storeIni(const std::string& logical, IniPtr text) {
-    CachedFile* entry = text ? changeableEntry(logical) : nullptr;
-    if (!entry) return false;
-    // Every text is made mutable by the store or a document, so this takes back no promise.
-    entry->text = std::const_pointer_cast<ETL_FileHelper::IniText>(std::move(text));
-    markChanged(*entry);
-    return true;
 }
 
 bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelper::IniText&)>& change) {

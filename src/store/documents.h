@@ -23,19 +23,15 @@ using IniPtr = std::shared_ptr<const ETL_FileHelper::IniText>;
 // The file's current content; null when it does not exist or cannot be read.
 IniPtr loadIni(const std::string& logical);
 
-// Makes `text` the file's content for every later read. False when the path is not
+// Changes the file's content for every later read. False when the path is not
 // usable, its directory does not exist, or the file exists but cannot be read
-// (writing over it would lose what it holds).
-bool storeIni(const std::string& logical, IniPtr text);
-
-// Changes the file's content for every later read, refused as storeIni refuses.
-// The change is made in place when nobody but the store holds the content (no
-// copy of the file per set), else on a copy. `change` must either succeed or
-// leave the text as it was.
+// (writing over it would lose what it holds). The change is made in place when
+// nobody but the store holds the content (no copy of the file per set), else on a
+// copy. `change` must either succeed or leave the text as it was.
 bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelper::IniText&)>& change);
 
 // Saves a document: `base` with `values` set on it becomes the file's content, and
-// is returned (null when refused as storeIni refuses). When `base` is the file's
+// is returned (null when refused as updateIni refuses). When `base` is the file's
 // current content and the document is its only other holder, the values are set
 // in place: saving a key costs the key, not a copy of the file.
 IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector<PendingValue>& values);

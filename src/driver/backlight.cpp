@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 
@@ -11,5 +12,5 @@ void convertBacklightTime() {
     if (minutes >= 60) return;
     // A value far below zero is garbage; it saturates rather than wrapping around.
     long long seconds = static_cast<long long>(minutes) * 60;
-    etlSetRegistryInt(userFile, "Backlight", "nBacklightTime", seconds < INT_MIN ? INT_MIN : static_cast<int>(seconds));
+    etlSetRegistryInt(userFile, "Backlight", "nBacklightTime", static_cast<int>(std::max<long long>(seconds, INT_MIN)));
 }

@@ -49,10 +49,8 @@ void* allocateXmlMemory(size_t size) {
     return memory;
 }
 
-void useXmlMemory() {
-    static const bool set = (pugi::set_memory_management_functions(allocateXmlMemory, std::free), true);
-    (void)set;
-}
+// Two pointers stored: cheaper to set again before each parse than to guard.
+void useXmlMemory() { pugi::set_memory_management_functions(allocateXmlMemory, std::free); }
 
 // Reads the file and parses it as load_buffer would, inside `bytes` when `inPlace`.
 pugi::xml_parse_result load(const std::string& logical, pugi::xml_document& doc, std::string& bytes, bool inPlace) {

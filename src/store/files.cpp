@@ -210,10 +210,10 @@ void removeStaleTempFiles(int dir, const std::string& logicalDir) {
         logFailure("list", logicalDir, err);
         return;
     }
-    bool removed = false;
+    // No fsync of its own: the replacement this cleaning comes before syncs the directory,
+    // and a removal a cut takes back only leaves the file for the next run to remove.
     for (const std::string& name : names)
-        if (isTempName(name.c_str()) && unlinkat(dir, name.c_str(), 0) == 0) removed = true;
-    if (removed) syncDirectory(dir);
+        if (isTempName(name.c_str())) unlinkat(dir, name.c_str(), 0);
 }
 
 struct Attribute {

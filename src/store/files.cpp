@@ -233,8 +233,10 @@ int listAttributeNames(int fd, std::vector<std::string>& names) {
         if (size < 0) return errno == ENOTSUP ? 0 : errno;  // no attributes on this filesystem
         std::string list(static_cast<size_t>(size), '\0');
         size = flistxattr(fd, &list[0], list.size());
-        if (size < 0 && errno == ERANGE) continue;  // grew in between
-        if (size < 0) return errno;
+        if (size < 0) {
+            if (errno == ERANGE) continue;  // grew in between
+            return errno;
+        }
         list.resize(static_cast<size_t>(size));
         names = splitNames(list);
         return 0;

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -187,11 +188,20 @@ inline void plant(const std::string& from, const std::string& root) {
     }
 }
 
+// Holds a file's inode for as long as its entry lives: a file the tool writes twice over
+// could otherwise get its old inode back and pass for unchanged.
+inline std::shared_ptr<int> pin(const std::string& path) {
+    int fd = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    return std::shared_ptr<int>(new int(fd), [](int* held) { close(*held), delete held; });
+}
+
 // One entry of a tree: what it is ("file 0600 user.a=b", "link TARGET", "other"), for a
 // file its bytes, and its inode: a file written again with the same bytes is a change too.
 struct Entry {
     std::string kind, bytes;
     ino_t inode = 0;
+    std::shared_ptr<int> pinned;
     bool operator==(const Entry& o) const { return kind == o.kind && bytes == o.bytes && inode == o.inode; }
     bool operator!=(const Entry& o) const { return !(*this == o); }
 };
@@ -226,12 +236,12 @@ inline Tree snapshot(const std::string& work) {
         if (S_ISLNK(st.st_mode)) {
             std::string target = fs::read_symlink(path).string();
             if (target.rfind(work, 0) == 0) target = "WORK" + target.substr(work.size());
-            tree[name] = {"link " + target, ""};
+            tree[name] = {"link " + target, "", 0, nullptr};
         } else if (!S_ISREG(st.st_mode)) {
-            tree[name] = {"other", ""};
+            tree[name] = {"other", "", 0, nullptr};
         } else {
             tree[name] = {"file " + std::string(mode) + attributes(path),
-                          st.st_size > (64 << 20) ? std::to_string(st.st_size) + " bytes" : canonical(slurp(path)), st.st_ino};
+                          st.st_size > (64 << 20) ? std::to_string(st.st_size) + " bytes" : canonical(slurp(path)), st.st_ino, pin(path)};
         }
     }
     return tree;

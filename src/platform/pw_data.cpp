@@ -166,9 +166,7 @@ Gcm* runCipher() {
 bool readUrandom(unsigned char* nonce) {
     int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
-    ssize_t n;
-    while ((n = read(fd, nonce, kNonceLength)) < 0 && errno == EINTR) {
-    }
+    ssize_t n = store::fs::readUninterrupted(fd, nonce, kNonceLength);
     int err = errno;
     close(fd);
     errno = err;
@@ -177,11 +175,10 @@ bool readUrandom(unsigned char* nonce) {
 
 // The boot must never wait for the entropy pool: early on getrandom would block, so it
 // is asked not to, and /dev/urandom answers then (and on kernels without getrandom).
-// GCM needs nonces that never repeat, which urandom's output gives.
+// GCM needs nonces that never repeat, which urandom's output gives. A request this
+// short is never interrupted by a signal.
 bool freshNonce(unsigned char* nonce) {
-    ssize_t n;
-    while ((n = getrandom(nonce, kNonceLength, GRND_NONBLOCK)) < 0 && errno == EINTR) {
-    }
+    ssize_t n = getrandom(nonce, kNonceLength, GRND_NONBLOCK);
     if (n == static_cast<ssize_t>(kNonceLength)) return true;
     if (n < 0 && (errno == EAGAIN || errno == ENOSYS)) return readUrandom(nonce);
     return false;

@@ -92,8 +92,7 @@ int readLimited(int fd, const struct stat& st, size_t limit, std::string& bytes)
     size_t size = 0;
     for (;;) {
         if (size == bytes.size()) bytes.resize(std::min(limit + 1, 2 * bytes.size()));  // it grew
-        ssize_t n = read(fd, &bytes[size], bytes.size() - size);
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = readUninterrupted(fd, &bytes[size], bytes.size() - size);
         if (n < 0) return errno;
         if (n == 0) break;
         size += static_cast<size_t>(n);
@@ -116,8 +115,7 @@ bool holdsExactly(int fd, const struct stat& st, std::string_view bytes) {
     char buffer[16384];
     size_t seen = 0;
     for (;;) {
-        ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = readUninterrupted(fd, buffer, sizeof buffer);
         if (n <= 0) return n == 0 && seen == bytes.size();
         if (seen + static_cast<size_t>(n) > bytes.size() || std::memcmp(buffer, bytes.data() + seen, static_cast<size_t>(n)) != 0)
             return false;
@@ -127,8 +125,7 @@ bool holdsExactly(int fd, const struct stat& st, std::string_view bytes) {
 
 int writeAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
-        ssize_t n = write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = writeUninterrupted(fd, bytes.data(), bytes.size());
         if (n < 0) return errno;
         if (n == 0) return EIO;
         bytes.remove_prefix(static_cast<size_t>(n));
@@ -439,6 +436,21 @@ bool listPlainEntries(const std::string& logical, std::vector<std::string>& name
 
 bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
     return listLogical(logical, names, false);
+}
+
+// A call a signal interrupted before it moved a byte left nothing behind: made again.
+ssize_t readUninterrupted(int fd, void* buffer, size_t size) {
+    ssize_t n;
+    while ((n = read(fd, buffer, size)) < 0 && errno == EINTR) {
+    }
+    return n;
+}
+
+ssize_t writeUninterrupted(int fd, const void* bytes, size_t size) {
+    ssize_t n;
+    while ((n = write(fd, bytes, size)) < 0 && errno == EINTR) {
+    }
+    return n;
 }
 
 }  // namespace store::fs

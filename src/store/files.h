@@ -6,6 +6,8 @@
 // with the logical path and the system error; callers only look at the result.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -52,5 +54,10 @@ bool listDirectory(const std::string& logical, std::vector<std::string>& names);
 // As listDirectory, without the links and the entries of a type the system does not give:
 // every name left is there, whatever a lookup of it would follow.
 bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
+
+// read(2) and write(2) on a descriptor the caller holds, made again when a signal
+// interrupted them before they moved a byte: -1 with errno for any other failure.
+ssize_t readUninterrupted(int fd, void* buffer, size_t size);
+ssize_t writeUninterrupted(int fd, const void* bytes, size_t size);
 
 }  // namespace store::fs

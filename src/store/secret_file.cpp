@@ -16,17 +16,14 @@ namespace {
 int readInto(int fd, char* buffer, std::size_t capacity, std::size_t& length) {
     length = 0;
     while (length < capacity) {
-        ssize_t n = read(fd, buffer + length, capacity - length);
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = readUninterrupted(fd, buffer + length, capacity - length);
         if (n < 0) return errno;
         if (n == 0) return 0;
         length += static_cast<std::size_t>(n);
     }
     // Full: one more byte tells an exact fit from a longer file, without keeping it.
     char probe;
-    ssize_t n;
-    while ((n = read(fd, &probe, 1)) < 0 && errno == EINTR) {
-    }
+    ssize_t n = readUninterrupted(fd, &probe, 1);
     return n < 0 ? errno : n > 0 ? EFBIG : 0;
 }
 

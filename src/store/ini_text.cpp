@@ -1,5 +1,6 @@
 #include "store/ini_text.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
@@ -56,10 +57,12 @@ std::string_view lineAt(const std::string& bytes, size_t pos, size_t end) {
     return std::string_view(bytes).substr(pos, next - pos);
 }
 
+// Where the text starts after its leading blanks; its size when it is all blanks.
+size_t firstNonBlank(std::string_view text) { return std::min(text.find_first_not_of(" \t"), text.size()); }
+
 // The section name of a header line ("[ name ] anything"), or nullopt for any other line.
 std::optional<std::string_view> sectionNameOf(std::string_view text) {
-    size_t open = 0;
-    while (open < text.size() && isBlank(text[open])) ++open;
+    size_t open = firstNonBlank(text);
     if (open == text.size() || text[open] != '[') return std::nullopt;
     size_t close = text.find(']', open);
     if (close == std::string_view::npos) return std::nullopt;
@@ -69,8 +72,7 @@ std::optional<std::string_view> sectionNameOf(std::string_view text) {
 // Where a key line has its '=', or kNoKey: comments, lines without '=' and lines
 // whose name would be empty hold no key.
 uint32_t equalsOf(std::string_view text) {
-    size_t first = 0;
-    while (first < text.size() && isBlank(text[first])) ++first;
+    size_t first = firstNonBlank(text);
     if (first == text.size() || text[first] == ';' || text[first] == '#') return UINT32_MAX;
     size_t eq = text.find('=');
     return eq == std::string_view::npos || eq == first ? UINT32_MAX : static_cast<uint32_t>(eq);

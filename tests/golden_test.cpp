@@ -9,9 +9,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 
+#include "migrations/accounts/accounts.h"
+#include "migrations/features/features.h"
+#include "passwords/passwords.h"
+#include "store/config_store.h"
 #include "support/tool_run.h"
+#include "translate/translate.h"
 
 namespace {
 
@@ -115,6 +121,16 @@ std::vector<std::string> caseNames() {
     return names;
 }
 
+// Copies the case's images and plant over the root and runs its setup; false when the
+// setup needs what this machine lacks.
+bool prepare(const std::string& name, const Case& c, const tool::WorkDir& work) {
+    for (const auto& image : c.images) tool::plant(kGolden + "/images/" + image, work.root());
+    tool::plant(kGolden + "/cases/" + name + "/plant", work.root());
+    for (const auto& line : c.setup)
+        if (std::system(("cd '" + work.root() + "' && { " + line + "; } >/dev/null 2>&1").c_str()) != 0) return false;
+    return true;
+}
+
 #ifdef __SANITIZE_ADDRESS__
 const bool kSanitized = true;
 #else
@@ -138,11 +154,8 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
     const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
     for (bool walk : {false, true}) {
         tool::WorkDir work;
-        for (const auto& image : c.images) tool::plant(kGolden + "/images/" + image, work.root());
-        tool::plant(dir + "/plant", work.root());
-        for (const auto& line : c.setup)
-            if (std::system(("cd '" + work.root() + "' && { " + line + "; } >/dev/null 2>&1").c_str()) != 0)
-                GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature): " << line;
+        if (!prepare(GetParam(), c, work))
+            GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature)";
         tool::Options options = c.options;
         if (walk) options.env.push_back("CFGUPGRADE_NO_OPENAT2=1");
         tool::Tree before = tool::snapshot(work.path);
@@ -166,3 +179,41 @@ INSTANTIATE_TEST_SUITE_P(Cases, Golden, ::testing::ValuesIn(caseNames()), [](con
     std::replace_if(name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
     return name;
 });
+
+// The steps that answer, on the roots of golden cases. A run ignores every answer, so
+// only a call in this process sees one.
+TEST(GoldenSteps, AnswerAsTheirCaseSays) {
+    struct Row {
+        const char* caseName;
+        std::function<int()> step;
+        int expected;
+    } rows[] = {
+        {"many-rules", [] { return static_cast<int>(translateConfig()); }, 1},
+        {"every-step.all", [] { return static_cast<int>(translateConfig()); }, 0},  // a destination refused
+        {"rules-missing", [] { return static_cast<int>(translateConfig()); }, 0},
+        {"rules-unparsable", [] { return static_cast<int>(translateConfig()); }, 0},
+        {"rules-empty", [] { return static_cast<int>(translateConfig()); }, 0},
+        {"every-step.pwd", switchPasswordProtection, 1},
+        {"locks-agree", switchPasswordProtection, 1},
+        {"user-file-unreadable", switchPasswordProtection, 0},
+        {"factory-user-missing", switchPasswordProtection, 0},
+        {"key-list-missing", switchPasswordProtection, 0},
+        {"every-step.2", renameTalkingSoftkey, 1},
+        {"other-way.2", renameTalkingSoftkey, 0},  // no OnTalk node
+        {"record-empty", renameTalkingSoftkey, 0},  // no file
+        {"every-step.2", [] { return stripValueMarks("/config/user/voip/sipAccount16.cfg"); }, 1},
+        {"every-step.2", [] { return stripValueMarks("/config/user/voip/sipAccount9.cfg"); }, 0},
+        {"every-step.2", [] { return stripValueMarks(""); }, 0},
+        {"install-account16-unwritable", [] { return stripValueMarks("/config/user/voip/sipAccount16.cfg"); }, 0},  // a directory
+    };
+    for (const Row& row : rows) {
+        tool::WorkDir work;
+        ASSERT_TRUE(prepare(row.caseName, readCase(row.caseName), work)) << row.caseName;
+        setenv("CFGUPGRADE_ROOT", work.root().c_str(), 1);
+        setenv("CFGUPGRADE_LOG", (work.path + "/log").c_str(), 1);
+        store::reset();
+        EXPECT_EQ(row.step(), row.expected) << row.caseName << ", row " << &row - rows;
+        store::reset();
+    }
+    unsetenv("CFGUPGRADE_LOG");
+}

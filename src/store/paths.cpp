@@ -55,7 +55,6 @@ std::optional<FileId> idOf(int fd) {
 
 // The root, opened once per run: every lookup starts from this descriptor.
 struct Root {
-    std::string path;  // CFGUPGRADE_ROOT as given, without trailing slashes
     int fd = -1;
     FileId id;
     std::set<std::string> reported;  // refusals already logged
@@ -66,16 +65,14 @@ Root& rootState() {
     return r;
 }
 
-// The root of this run, opened again when CFGUPGRADE_ROOT names another one.
+// The root of this run (CFGUPGRADE_ROOT, or "/"), opened at its first use after the store
+// was last reset: a reset is the only thing that forgets it.
 Root& root() {
     Root& r = rootState();
-    const char* env = std::getenv("CFGUPGRADE_ROOT");
-    std::string path = env ? env : "";
-    while (!path.empty() && path.back() == '/') path.pop_back();
-    if (r.fd >= 0 && path == r.path) return r;
+    if (r.fd >= 0) return r;
     forgetRoot();
-    r.path = path;
-    r.fd = open(path.empty() ? "/" : path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const char* path = std::getenv("CFGUPGRADE_ROOT");
+    r.fd = open(path && *path ? path : "/", O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (r.fd >= 0) r.id = idOf(r.fd).value_or(FileId{});
     return r;
 }
@@ -463,7 +460,6 @@ void forgetRoot() {
     Root& r = rootState();
     if (r.fd >= 0) close(r.fd);
     r.fd = -1;
-    r.path.clear();
     r.reported.clear();
 }
 

@@ -204,6 +204,7 @@ TEST(GoldenSteps, AnswerAsTheirCaseSays) {
         {"every-step.2", [] { return stripValueMarks("/config/user/voip/sipAccount16.cfg"); }, 1},
         {"every-step.2", [] { return stripValueMarks("/config/user/voip/sipAccount9.cfg"); }, 0},
         {"every-step.2", [] { return stripValueMarks(""); }, 0},
+        {"every-step.2", [] { return stripValueMarks("/phone/factory/user/voip/sipAccount16.cfg"); }, 0},  // loads, is not saved
         {"install-account16-unwritable", [] { return stripValueMarks("/config/user/voip/sipAccount16.cfg"); }, 0},  // a directory
     };
     for (const Row& row : rows) {

@@ -26,7 +26,7 @@ std::string sealed(const std::string& plain) { return std::get<1>(call(pw_data_e
 
 TEST(PasswordRoutines, RoundTripUpToTheBoundAndNothingElseDecrypts) {
     unsetenv("CFGUPGRADE_PW_KEYFILE");
-    const std::string longest(kPwDataLongestPlain, 'x'), secret = sealed("secret");
+    const std::string longest(kPwDataLongestPlain, 'x'), secret = sealed("secret"), high = sealed("\x80");
     std::string tampered = secret;
     tampered[20] = tampered[20] == 'A' ? 'B' : 'A';
     struct { int (*routine)(const char*, char*); std::string input; int failed; std::string text; } cases[] = {
@@ -34,6 +34,7 @@ TEST(PasswordRoutines, RoundTripUpToTheBoundAndNothingElseDecrypts) {
         {pw_data_decrypt, secret, 0, "secret"},
         {pw_data_decrypt, "pw1:CbFbtP01AQk5QE0nL4Vo8ISSGBb4TNE3CUn7vLuImvI_Ng", 0, "secret"},  // sealed once, long ago: both ciphers open it
         {pw_data_encrypt, secret, 0, secret},
+        {pw_data_decrypt, sealed(high), 0, high},  // opens, but to a byte no plain value of ours has
         {pw_data_encrypt, "", 0, ""},
         {pw_data_encrypt, longest + "x", 1, ""},
         {pw_data_decrypt, "secret", 1, ""},

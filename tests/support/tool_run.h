@@ -9,11 +9,13 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -94,6 +96,22 @@ inline void commandLine(const std::string& work, const Options& o, std::vector<s
     words.insert(words.end(), o.args.begin(), o.args.end());
 }
 
+// Holds this process's CPU limit at its own use plus a minute while the tool is spawned, so
+// that the tool inherits a limit: a tool that loops then ends even when this test process,
+// killed first by ctest's timeout, cannot end it. Cheaper than a prlimit exec per run.
+struct ChildCpuLimit {
+    struct rlimit saved {};
+    ChildCpuLimit() {
+        getrlimit(RLIMIT_CPU, &saved);
+        struct rusage used {};
+        getrusage(RUSAGE_SELF, &used);
+        struct rlimit limit = saved;
+        limit.rlim_cur = std::min<rlim_t>(saved.rlim_max, used.ru_utime.tv_sec + used.ru_stime.tv_sec + 60);
+        setrlimit(RLIMIT_CPU, &limit);
+    }
+    ~ChildCpuLimit() { setrlimit(RLIMIT_CPU, &saved); }
+};
+
 // Starts the tool in the root. posix_spawn rather than fork: in a cross build this test
 // process runs under qemu-user, whose forked child cannot run the code between fork and exec.
 inline pid_t startTool(const std::string& work, const Options& o, const int ends[2]) {
@@ -119,6 +137,7 @@ inline pid_t startTool(const std::string& work, const Options& o, const int ends
     posix_spawn_file_actions_addchdir_np(&actions, (work + "/root").c_str());
     mode_t mask = umask(022);
     pid_t pid = -1;
+    ChildCpuLimit cpu;
     if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
     umask(mask);
     posix_spawn_file_actions_destroy(&actions);

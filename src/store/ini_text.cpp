@@ -370,7 +370,7 @@ IniText IniText::parse(std::string bytes) {
     if (std::string_view(b).substr(0, kByteOrderMark.size()) == kByteOrderMark)
         doc.bomLength_ = static_cast<uint32_t>(kByteOrderMark.size());
     doc.sections_.push_back(iniSection(&b, doc.bomLength_, doc.bomLength_, LineEnd::kNone));
-    if (doc.bomLength_ < b.size()) stripEnding(lineAt(b, doc.bomLength_, b.size()), &doc.newline_);
+    stripEnding(lineAt(b, doc.bomLength_, b.size()), &doc.newline_);  // an empty text has none
     for (size_t pos = doc.bomLength_; pos < b.size();) {
         std::string_view raw = lineAt(b, pos, b.size());
         size_t next = pos + raw.size();

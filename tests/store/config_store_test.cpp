@@ -30,11 +30,12 @@ protected:
 
 TEST_F(Store, EveryCompletedWriteIsSeenByEveryFamily) {
     // Each writer sets Net/k to a new number, and again (a set of the value already there
-    // succeeds too, as does a flush with nothing pending); each reader must then see it.
+    // succeeds too, as do a handle's second set of a key before its flush and a flush with
+    // nothing pending); each reader must then see it.
     std::function<bool(int)> writers[] = {
         [](int v) { return etlSetProfileInt(kUser, "Net", "k", v); },
         [](int v) { return etlSetRegistryInt(kUser, "Net", "k", v); },
-        [](int v) { HREGISTRY h = registryOpen(kUser, "Net"); return registrySetInt(h, "k", v) && registryFlush(h) && registryFlush(h); },
+        [](int v) { HREGISTRY h = registryOpen(kUser, "Net"); return registrySetInt(h, "k", -v) && registrySetInt(h, "k", v) && registryFlush(h) && registryFlush(h); },
         [](int v) { iniFile f; f.LoadFromFile(kUser); f.SetTextValue("Net", "k", std::to_string(v)); return f.SaveToFile(); },
     };
     std::function<int()> readers[] = {

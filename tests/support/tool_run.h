@@ -96,7 +96,7 @@ inline void commandLine(const std::string& work, const Options& o, std::vector<s
     words.insert(words.end(), o.args.begin(), o.args.end());
 }
 
-// Holds this process's CPU limit at its own use plus a minute while the tool is spawned, so
+// Lowers this process's CPU limit to its own use plus a minute while the tool is spawned, so
 // that the tool inherits a limit: a tool that loops then ends even when this test process,
 // killed first by ctest's timeout, cannot end it. Cheaper than a prlimit exec per run.
 struct ChildCpuLimit {
@@ -106,7 +106,7 @@ struct ChildCpuLimit {
         struct rusage used {};
         getrusage(RUSAGE_SELF, &used);
         struct rlimit limit = saved;
-        limit.rlim_cur = std::min<rlim_t>(saved.rlim_max, used.ru_utime.tv_sec + used.ru_stime.tv_sec + 60);
+        limit.rlim_cur = std::min<rlim_t>(saved.rlim_cur, used.ru_utime.tv_sec + used.ru_stime.tv_sec + 60);
         setrlimit(RLIMIT_CPU, &limit);
     }
     ~ChildCpuLimit() { setrlimit(RLIMIT_CPU, &saved); }

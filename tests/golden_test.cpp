@@ -121,14 +121,14 @@ std::vector<std::string> caseNames() {
     return names;
 }
 
-// Copies the case's images and plant over the root and runs its setup; false when the
-// setup needs what this machine lacks.
-bool prepare(const std::string& name, const Case& c, const tool::WorkDir& work) {
+// Copies the case's images and plant over the root and runs its setup; the setup line
+// that failed (it needs what this machine lacks), or the empty text.
+std::string prepare(const std::string& name, const Case& c, const tool::WorkDir& work) {
     for (const auto& image : c.images) tool::plant(kGolden + "/images/" + image, work.root());
     tool::plant(kGolden + "/cases/" + name + "/plant", work.root());
     for (const auto& line : c.setup)
-        if (std::system(("cd '" + work.root() + "' && { " + line + "; } >/dev/null 2>&1").c_str()) != 0) return false;
-    return true;
+        if (std::system(("cd '" + work.root() + "' && { " + line + "; } >/dev/null 2>&1").c_str()) != 0) return line;
+    return "";
 }
 
 #ifdef __SANITIZE_ADDRESS__
@@ -154,8 +154,8 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
     const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
     for (bool walk : {false, true}) {
         tool::WorkDir work;
-        if (!prepare(GetParam(), c, work))
-            GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature)";
+        if (std::string failed = prepare(GetParam(), c, work); !failed.empty())
+            GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature): " << failed;
         tool::Options options = c.options;
         if (walk) options.env.push_back("CFGUPGRADE_NO_OPENAT2=1");
         tool::Tree before = tool::snapshot(work.path);
@@ -183,16 +183,17 @@ INSTANTIATE_TEST_SUITE_P(Cases, Golden, ::testing::ValuesIn(caseNames()), [](con
 // The steps that answer, on the roots of golden cases. A run ignores every answer, so
 // only a call in this process sees one.
 TEST(GoldenSteps, AnswerAsTheirCaseSays) {
+    const auto translate = [] { return static_cast<int>(translateConfig()); };
     struct Row {
         const char* caseName;
         std::function<int()> step;
         int expected;
     } rows[] = {
-        {"many-rules", [] { return static_cast<int>(translateConfig()); }, 1},
-        {"every-step.all", [] { return static_cast<int>(translateConfig()); }, 0},  // a destination refused
-        {"rules-missing", [] { return static_cast<int>(translateConfig()); }, 0},
-        {"rules-unparsable", [] { return static_cast<int>(translateConfig()); }, 0},
-        {"rules-empty", [] { return static_cast<int>(translateConfig()); }, 0},
+        {"many-rules", translate, 1},
+        {"every-step.all", translate, 0},  // a destination refused
+        {"rules-missing", translate, 0},
+        {"rules-unparsable", translate, 0},
+        {"rules-empty", translate, 0},
         {"every-step.pwd", switchPasswordProtection, 1},
         {"locks-agree", switchPasswordProtection, 1},
         {"user-file-unreadable", switchPasswordProtection, 0},
@@ -209,7 +210,7 @@ TEST(GoldenSteps, AnswerAsTheirCaseSays) {
     };
     for (const Row& row : rows) {
         tool::WorkDir work;
-        ASSERT_TRUE(prepare(row.caseName, readCase(row.caseName), work)) << row.caseName;
+        ASSERT_EQ(prepare(row.caseName, readCase(row.caseName), work), "") << row.caseName;
         setenv("CFGUPGRADE_ROOT", work.root().c_str(), 1);
         setenv("CFGUPGRADE_LOG", (work.path + "/log").c_str(), 1);
         store::reset();

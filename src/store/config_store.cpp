@@ -51,7 +51,11 @@ int getInt(const std::string& file, const std::string& section, const std::strin
 
 bool setInt(const std::string& file, const std::string& section, const std::string& key, int value) {
     std::string text = std::to_string(value);
-    return changeFile(file, [&](IniText& doc) { return doc.set(section, key, text); });
+    return changeFile(file, [&](IniText& doc) {
+        if (doc.set(section, key, text)) return true;
+        reportRefusedSet(file, section, key);
+        return false;
+    });
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "store/config_store.h"
+#include "store/report.h"
 #include "support/tool_run.h"
 
 using namespace ETL_FileHelper;
@@ -81,4 +82,24 @@ TEST_F(Store, ADocumentSeesWhatItLoadedAndSetUntilItLoadsAgain) {
     writer.SaveToFile();  // saves the whole document: its k=3 wins over the set of 4
     store::commit();
     EXPECT_EQ(tool::slurp(work.root() + kUser), "[Net]\nk=3\nother=x\n");
+}
+
+// A set whose text would not read back the same is refused in every family, with one
+// line naming file, section and key, and changes nothing: a missing file stays missing.
+TEST_F(Store, ARefusedSetIsLoggedAndCreatesNothing) {
+    static std::vector<std::string> lines;
+    store::setReportSink([](const char* line) { lines.push_back(line); });
+    const std::string missing = "/config/user/new.ini";
+    std::function<bool()> sets[] = {
+        [&] { return etlSetProfileInt(missing, "Net", "a=b", 1); },
+        [&] { return etlSetRegistryInt(missing, "a]b", "k", 1); },
+        [&] { return registrySetString(registryOpen(missing, "Net"), "k", "x\ny"); },
+        [&] { iniFile f; f.LoadFromFile(missing); return f.SetTextValue("Net", "#k", "1") != 0; },
+    };
+    for (auto& set : sets) EXPECT_FALSE(set());
+    EXPECT_TRUE(store::commit());
+    store::setReportSink(nullptr);
+    EXPECT_FALSE(tool::fs::exists(work.root() + missing));
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[1], "Cannot set [" + missing + "] section [a]b] key [k]: it would not read back the same");
 }

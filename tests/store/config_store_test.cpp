@@ -63,7 +63,9 @@ TEST_F(Store, EveryCompletedWriteIsSeenByEveryFamily) {
 // The store changes a file's content in place when nobody else holds it; a document
 // that does must keep the content it loaded, and unsaved values stay in the document.
 TEST_F(Store, ADocumentSeesWhatItLoadedAndSetUntilItLoadsAgain) {
-    iniFile early, writer;
+    iniFile early, writer, unnamed;
+    unnamed.SetTextValue("Net", "k", "5");
+    EXPECT_EQ(unnamed.SaveToFile(), 0) << "a document never loaded has no file to save to";
     early.LoadFromFile(kUser);
     writer.LoadFromFile(kUser);
     writer.SetTextValue("Net", "k", "1");
@@ -79,9 +81,10 @@ TEST_F(Store, ADocumentSeesWhatItLoadedAndSetUntilItLoadsAgain) {
     EXPECT_EQ(writer.GetIntValue("Net", "k", -9), 3) << "a path-addressed set does not reach a loaded document";
     EXPECT_EQ(early.GetIntValue("Net", "k", -9), 0);
     writer.SetTextValue("Net", "other", "x");
+    writer.SetTextValue("Other", "other", "y");  // the same name in another section is another key
     writer.SaveToFile();  // saves the whole document: its k=3 wins over the set of 4
     store::commit();
-    EXPECT_EQ(tool::slurp(work.root() + kUser), "[Net]\nk=3\nother=x\n");
+    EXPECT_EQ(tool::slurp(work.root() + kUser), "[Net]\nk=3\nother=x\n[Other]\nother=y\n");
 }
 
 // A set whose text would not read back the same is refused in every family, with one

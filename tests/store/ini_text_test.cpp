@@ -77,6 +77,9 @@ TEST(IniText, RepeatedSearchesFindTheFirstOfANameAfterSetsToo) {
         for (int s = 0; s < 10; ++s)
             for (int k = 0; k < 10; ++k) ASSERT_EQ(doc.find("S" + number(s), "k" + number(k)), number(s * 100 + k));
     ASSERT_TRUE(doc.set("S3", "new", "v") && doc.set("S10", "k0", "w") && doc.set("S1", "k1", "x"));
+    IniText shortSection = IniText::parse("[A]\nk=1\nk=2\n");  // walked, never indexed
+    ASSERT_TRUE(shortSection.set("A", "k", "x"));
+    EXPECT_EQ(shortSection.serialize(), "[A]\nk=x\nk=2\n");
     IniText reread = IniText::parse(doc.serialize());
     for (const IniText* d : {&doc, &reread}) {
         EXPECT_EQ(d->find("S3", "new"), "v");

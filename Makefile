@@ -22,6 +22,8 @@ FUZZ_SECONDS ?= 45
 all: build
 
 # Installs the packages named in $(1) that are missing (as root), or names them.
+# An index that fails to refresh (a foreign architecture's, mid-sync on the mirror)
+# does not stop the install: the install itself fails if a package cannot be had.
 # Installed means installed for this machine's architecture (or for all): once a
 # foreign copy is there too, `dpkg -s NAME` answers "ambiguous".
 define install_missing
@@ -31,7 +33,8 @@ define install_missing
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ]; then \
 	    echo "Installing:" $$missing; \
-	    apt-get -o DPkg::Lock::Timeout=600 update -qq && DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -qq $$missing >/dev/null; \
+	    apt-get -o DPkg::Lock::Timeout=600 update -qq || echo "Some package indexes could not be refreshed; installing from those that could"; \
+	    DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -qq $$missing >/dev/null; \
 	  else \
 	    echo "Missing packages:" $$missing; echo "Install them with: sudo apt-get install" $$missing; exit 1; \
 	  fi; \

@@ -100,6 +100,7 @@ TEST_F(Store, ARefusedSetIsLoggedAndCreatesNothing) {
         [&] { iniFile f; f.LoadFromFile(missing); return f.SetTextValue("Net", "#k", "1") != 0; },
     };
     for (auto& set : sets) EXPECT_FALSE(set());
+    EXPECT_FALSE(registryFlush(nullptr)) << "the handle of a path the store refused";
     EXPECT_TRUE(store::commit());
     store::setReportSink(nullptr);
     EXPECT_FALSE(tool::fs::exists(work.root() + missing));

@@ -279,12 +279,12 @@ bool writeFile(const std::string& logical, const std::string& bytes) {
     return fs::writeFileAtomically(logical, bytes);
 }
 
-bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
-    return fs::listDirectory(logical, names);
+void listDirectory(const std::string& logical, std::vector<std::string>& names) {
+    fs::listDirectory(logical, names);
 }
 
-bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
-    return fs::listPlainEntries(logical, names);
+void listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
+    fs::listPlainEntries(logical, names);
 }
 
 void reset() {

@@ -149,13 +149,14 @@ TextSet setText(const std::string& file, std::string_view section, std::string_v
 // Replaces a file with raw bytes through the atomic writer.
 bool writeFile(const std::string& logical, const std::string& bytes);
 
-// Entry names of a directory in the order the system gives them.
-bool listDirectory(const std::string& logical, std::vector<std::string>& names);
+// Entry names of a directory in the order the system gives them; those read before a
+// failure when it cannot be listed (logged unless it is missing).
+void listDirectory(const std::string& logical, std::vector<std::string>& names);
 
 // The entries of a directory that certainly exist: all but links and entries of unknown
-// type, which pathFileExist judges one by one. False when the directory cannot be
-// listed (logged unless it is missing).
-bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
+// type, which pathFileExist judges one by one. As with
+// listDirectory, a failed listing is logged and gives what was read before it.
+void listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
 // Forgets every parsed file and handle without writing (used when the root changes).
 void reset();

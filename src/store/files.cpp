@@ -414,7 +414,7 @@ bool removeFile(const std::string& logical) {
 
 namespace {
 
-bool listLogical(const std::string& logical, std::vector<std::string>& names, bool plainOnly) {
+void listLogical(const std::string& logical, std::vector<std::string>& names, bool plainOnly) {
     int dir = -1;
     int err = openDirectory(logical, dir);
     if (!err) {
@@ -424,17 +424,16 @@ bool listLogical(const std::string& logical, std::vector<std::string>& names, bo
     std::string shown = logical;  // named as a directory is named in other lines: no trailing slash
     while (shown.size() > 1 && shown.back() == '/') shown.pop_back();
     if (err && err != ENOENT && err != ENOTDIR) logFailure("list", shown, err);
-    return err == 0;
 }
 
 }  // namespace
 
-bool listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
-    return listLogical(logical, names, true);
+void listPlainEntries(const std::string& logical, std::vector<std::string>& names) {
+    listLogical(logical, names, true);
 }
 
-bool listDirectory(const std::string& logical, std::vector<std::string>& names) {
-    return listLogical(logical, names, false);
+void listDirectory(const std::string& logical, std::vector<std::string>& names) {
+    listLogical(logical, names, false);
 }
 
 // A call a signal interrupted before it moved a byte left nothing behind: made again.

@@ -49,11 +49,14 @@ bool copyFileAtomically(const std::string& dst, const std::string& src);
 bool removeFile(const std::string& logical);
 
 // Names of a directory's entries, except "." and "..", in the order the system returns them.
-bool listDirectory(const std::string& logical, std::vector<std::string>& names);
+// A listing that fails is logged (unless the directory is missing) and gives the names
+// read before it failed: each caller does right with what it gets, so there is no
+// result to look at.
+void listDirectory(const std::string& logical, std::vector<std::string>& names);
 
 // As listDirectory, without the links and the entries of a type the system does not give:
 // every name left is there, whatever a lookup of it would follow.
-bool listPlainEntries(const std::string& logical, std::vector<std::string>& names);
+void listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
 // read(2) and write(2) on a descriptor the caller holds, made again when a signal
 // interrupted them before they moved a byte: -1 with errno for any other failure.

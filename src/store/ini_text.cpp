@@ -159,7 +159,6 @@ iniSection iniSection::added(const std::string* bytes, std::string_view name, Li
     iniSection section(bytes, 0, 0, end);
     section.added_ = true;
     section.changed_ = true;
-    section.parsed_ = true;
     section.edits_.push_back("[" + std::string(name) + "]");
     return section;
 }

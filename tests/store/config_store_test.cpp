@@ -80,11 +80,14 @@ TEST_F(Store, ADocumentSeesWhatItLoadedAndSetUntilItLoadsAgain) {
     etlSetProfileInt(kUser, "Net", "k", 4);
     EXPECT_EQ(writer.GetIntValue("Net", "k", -9), 3) << "a path-addressed set does not reach a loaded document";
     EXPECT_EQ(early.GetIntValue("Net", "k", -9), 0);
+    early.LoadFromFile(kUser);  // now holds the store's copy with it
+    EXPECT_EQ(early.GetIntValue("Net", "k", -9), 4);
     writer.SetTextValue("Net", "other", "x");
     writer.SetTextValue("Other", "other", "y");  // the same name in another section is another key
     writer.SaveToFile();  // saves the whole document: its k=3 wins over the set of 4
     store::commit();
     EXPECT_EQ(tool::slurp(work.root() + kUser), "[Net]\nk=3\nother=x\n[Other]\nother=y\n");
+    EXPECT_EQ(early.GetTextValue("Net", "other", "-"), "-") << "another document's save does not reach it";
 }
 
 // A set whose text would not read back the same is refused in every family, with one

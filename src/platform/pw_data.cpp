@@ -150,12 +150,10 @@ Cipher cipherFromKeyFile(const char* file) {
 // run many roots in one process.
 Gcm* runCipher() {
     static Cipher cipher;
-    static std::string source;
-    static bool tried = false;
+    static std::string source;  // empty until the first use: no key's name is empty
     const char* file = std::getenv("CFGUPGRADE_PW_KEYFILE");
     std::string wanted = file ? "file:" + store::fs::physicalPath(file).value_or(file) : "development key";
-    if (tried && wanted == source) return cipher.get();
-    tried = true;
+    if (wanted == source) return cipher.get();
     source = wanted;
     cipher = file ? cipherFromKeyFile(file) : Gcm::create(kDevelopmentKey);
     return cipher.get();

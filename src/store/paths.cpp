@@ -314,13 +314,23 @@ struct Found {
     Lookup lookup;
 };
 
+// A path whose last part only a directory can have ("a/", "a/.", "a/..") is refused as the
+// kernel refuses it: "Is a directory"; "Not a directory" when what it names is a file, and
+// missing when nothing is there.
+int directoryNameError(const std::string& rel) {
+    int fd = -1;
+    int err = openDirInRoot(rel, fd);
+    if (!err) close(fd);
+    return err == ENOTDIR || err == ENOENT ? err : EISDIR;
+}
+
 int locate(std::string_view logical, Access access, Found& out) {
     if (logical.empty() || logical.front() != '/') return kNotAbsolute;
     const Area* area = areaOf(logical);
     if (access == Access::kWrite && !area) return kOutsideWritableAreas;
     std::string rel = relative(logical), dirRel, name;
     splitLast(rel, dirRel, name);
-    if (name.empty() || name == "." || name == "..") return EISDIR;
+    if (name.empty() || name == "." || name == "..") return directoryNameError(rel);
 
     // The directory is resolved by the kernel; a link in the last place is followed here,
     // one at a time, so that its target's directory and name are known.
@@ -343,8 +353,9 @@ int locate(std::string_view logical, Access access, Found& out) {
         ssize_t n = readlinkat(fd, name.c_str(), target, sizeof target - 1);
         if (n <= 0) return n < 0 ? errno : ENOENT;
         std::string text(target, static_cast<size_t>(n));
-        splitLast(text[0] == '/' ? relative(text) : dirRel + "/" + text, dirRel, name);
-        if (name.empty() || name == "." || name == "..") return EISDIR;
+        std::string targetRel = text[0] == '/' ? relative(text) : dirRel + "/" + text;
+        splitLast(targetRel, dirRel, name);
+        if (name.empty() || name == "." || name == "..") return directoryNameError(targetRel);
     }
     if (area) {
         auto known = std::find_if(dir->within.begin(), dir->within.end(), [area](const auto& w) { return w.first == area; });

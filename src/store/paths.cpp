@@ -286,19 +286,6 @@ const char* describe(int err) {
     }
 }
 
-Location::Location(Location&& other) noexcept { *this = std::move(other); }
-
-Location& Location::operator=(Location&& other) noexcept {
-    if (this != &other) {
-        if (dir >= 0) close(dir);
-        dir = std::exchange(other.dir, -1);
-        name = std::move(other.name);
-        privateFile = other.privateFile;
-        ownFileOnly = other.ownFileOnly;
-    }
-    return *this;
-}
-
 Location::~Location() {
     if (dir >= 0) close(dir);
 }

@@ -39,8 +39,6 @@ public:
     Location() = default;
     Location(const Location&) = delete;
     Location& operator=(const Location&) = delete;
-    Location(Location&& other) noexcept;
-    Location& operator=(Location&& other) noexcept;
     ~Location();
 
     int dir = -1;             // the directory, opened for reading (listing, fsync)

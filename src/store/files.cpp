@@ -38,38 +38,14 @@ std::string parentOf(const std::string& logical) {
     return slash == 0 || slash == std::string::npos ? "/" : logical.substr(0, slash);
 }
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int get() const { return fd_; }
-    void reset(int fd) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-    // Closes now and says whether the close itself failed (a deferred write error).
-    int closeNow() {
-        int err = fd_ >= 0 && close(fd_) != 0 ? errno : 0;
-        fd_ = -1;
-        return err;
-    }
-
-private:
-    int fd_;
-};
-
 // Opens a file of `at` for reading. The type is looked at before the open, so a FIFO is
 // never waited on and a device is never opened, and again after it, on the descriptor.
 int openRegular(const Location& at, Fd& fd, struct stat& st) {
-    if (fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    if (fstatat(at.dir.get(), at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
     if (at.ownFileOnly && !ownedAndGuarded(st)) return kUntrustedRecord;
     if (S_ISDIR(st.st_mode)) return EISDIR;
     if (!S_ISREG(st.st_mode)) return kNotRegularFile;
-    int opened = openat(at.dir, at.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    int opened = openat(at.dir.get(), at.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (opened < 0) return errno;
     fd.reset(opened);
     struct stat now;
@@ -307,12 +283,12 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     if (int err = examineTarget(at, kept, bytes, unchanged)) return err;
     if (unchanged) return 0;
 
-    removeStaleTempFiles(at.dir, parentOf(logical));
+    removeStaleTempFiles(at.dir.get(), parentOf(logical));
     std::string temp;
     // A new file is created with its final mode, so a default ACL of the directory
     // applies as it would to any new file; a replacement starts private until it has
     // the old file's owner and mode.
-    int created = createTemp(at.dir, kept.exists ? 0600 : newFileMode, temp);
+    int created = createTemp(at.dir.get(), kept.exists ? 0600 : newFileMode, temp);
     if (created < 0) return -created;
     Fd fd(created);
 
@@ -329,14 +305,14 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     if (!err && fsync(fd.get()) != 0) err = errno;
     int closed = fd.closeNow();
     if (!err) err = closed;
-    if (!err && renameat(at.dir, temp.c_str(), at.dir, at.name.c_str()) != 0) err = errno;
+    if (!err && renameat(at.dir.get(), temp.c_str(), at.dir.get(), at.name.c_str()) != 0) err = errno;
     if (err) {
-        unlinkat(at.dir, temp.c_str(), 0);
+        unlinkat(at.dir.get(), temp.c_str(), 0);
         return err;
     }
     // The rename lives in the directory; until the directory is synced a power cut
     // may bring back the old name. The new content is complete either way.
-    return syncDirectory(at.dir);
+    return syncDirectory(at.dir.get());
 }
 
 int writeResolved(const std::string& logical, std::string_view bytes, mode_t newFileMode) {
@@ -407,7 +383,7 @@ bool removeFile(const std::string& logical) {
     Location at;
     int err = resolve(logical, Access::kWrite, at);
     // Without AT_REMOVEDIR, unlinkat refuses a directory with EISDIR: no stat of our own.
-    if (!err) err = unlinkat(at.dir, at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir);
+    if (!err) err = unlinkat(at.dir.get(), at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir.get());
     if (err && err != ENOENT) logFailure("remove", logical, err);
     return err == 0;
 }

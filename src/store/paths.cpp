@@ -77,23 +77,6 @@ Root& root() {
     return r;
 }
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
-
 // Relative form of a logical path (no leading slashes); "." for the root itself.
 std::string relative(std::string_view logical) {
     size_t start = logical.find_first_not_of('/');
@@ -286,10 +269,6 @@ const char* describe(int err) {
     }
 }
 
-Location::~Location() {
-    if (dir >= 0) close(dir);
-}
-
 namespace {
 
 // Where a path leads, found without opening anything of its own: the directory (one of
@@ -371,8 +350,7 @@ int resolve(std::string_view logical, Access access, Location& out) {
     // fsync and listing need a descriptor opened for reading, not a bare O_PATH one.
     int readable = openat(found.dir->fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (readable < 0) return errno;
-    if (out.dir >= 0) close(out.dir);
-    out.dir = readable;
+    out.dir.reset(readable);
     out.name = std::move(found.name);
     out.privateFile = isPrivate(logical);
     out.ownFileOnly = found.lookup.ownFileOnly;

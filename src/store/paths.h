@@ -11,10 +11,13 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace store::fs {
 
@@ -31,17 +34,35 @@ constexpr int kNotAbsolute = -6;
 // The text for an errno value or a refusal above.
 const char* describe(int err);
 
+// A descriptor closed with its scope, so that no early return leaks one.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    ~Fd() { reset(); }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) close(fd_);
+        fd_ = fd;
+    }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    // Closes now and says whether the close itself failed (a deferred write error).
+    int closeNow() {
+        int err = fd_ >= 0 && close(fd_) != 0 ? errno : 0;
+        fd_ = -1;
+        return err;
+    }
+
+private:
+    int fd_;
+};
+
 // A logical path resolved to the directory that holds it and its name there. The name
 // is never a link (a link the area lets be followed has been followed) and never "."
 // or "..". The file itself need not exist.
-class Location {
-public:
-    Location() = default;
-    Location(const Location&) = delete;
-    Location& operator=(const Location&) = delete;
-    ~Location();
-
-    int dir = -1;             // the directory, opened for reading (listing, fsync)
+struct Location {
+    Fd dir;                   // the directory, opened for reading (listing, fsync)
     std::string name;
     bool privateFile = false; // may hold a password: created 0600
     bool ownFileOnly = false; // the version record: see ownedAndGuarded()

@@ -154,8 +154,8 @@ bool writeFile(const std::string& logical, const std::string& bytes);
 void listDirectory(const std::string& logical, std::vector<std::string>& names);
 
 // The entries of a directory that certainly exist: all but links and entries of unknown
-// type, which pathFileExist judges one by one. As with
-// listDirectory, a failed listing is logged and gives what was read before it.
+// type, which pathFileExist judges one by one. As with listDirectory, a failed listing
+// is logged and gives what was read before it.
 void listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
 // Forgets every parsed file and handle without writing (used when the root changes).

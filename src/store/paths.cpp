@@ -265,6 +265,7 @@ const char* describe(int err) {
         case kUntrustedRecord: return "not a regular file of this user guarded from others";
         case kTooDeep: return "nested too deep";
         case kNotAbsolute: return "not an absolute path";
+        case kNulReference: return "a character reference to NUL";
         default: return std::strerror(err);
     }
 }

@@ -30,6 +30,7 @@ constexpr int kNotRegularFile = -3;
 constexpr int kUntrustedRecord = -4;
 constexpr int kTooDeep = -5;
 constexpr int kNotAbsolute = -6;
+constexpr int kNulReference = -7;
 
 // The text for an errno value or a refusal above.
 const char* describe(int err);

@@ -49,6 +49,19 @@ void* allocateXmlMemory(size_t size) {
     return memory;
 }
 
+// True when the text holds "&#0;" in any spelling ("&#x00;", "&#000;"). XML forbids it;
+// the parser would take it for the end of its text and drop what follows, so a rewrite
+// would lose bytes the file had.
+bool holdsNulReference(std::string_view text) {
+    for (size_t at = text.find("&#"); at != std::string_view::npos; at = text.find("&#", at + 2)) {
+        size_t digit = at + 2;
+        bool hex = digit < text.size() && (text[digit] == 'x' || text[digit] == 'X');
+        size_t end = text.find_first_not_of('0', digit + hex);
+        if (end > digit + hex && end < text.size() && text[end] == ';') return true;
+    }
+    return false;
+}
+
 // Two pointers stored: cheaper to set again before each parse than to guard.
 void useXmlMemory() { pugi::set_memory_management_functions(allocateXmlMemory, std::free); }
 
@@ -58,6 +71,11 @@ pugi::xml_parse_result load(const std::string& logical, pugi::xml_document& doc,
     pugi::xml_parse_result refused;
     refused.status = pugi::status_file_not_found;
     if (!readBytes(logical, bytes, fs::FileKind::kXml)) {
+        doc.reset();
+        return refused;
+    }
+    if (holdsNulReference(bytes)) {
+        fs::reportOnce("read", logical, fs::kNulReference);
         doc.reset();
         return refused;
     }

@@ -287,7 +287,7 @@ struct Found {
 int directoryNameError(const std::string& rel) {
     int fd = -1;
     int err = openDirInRoot(rel, fd);
-    if (!err) close(fd);
+    Fd guard(fd);
     return err == ENOTDIR || err == ENOENT ? err : EISDIR;
 }
 

@@ -68,27 +68,22 @@ void useXmlMemory() { pugi::set_memory_management_functions(allocateXmlMemory, s
 // Reads the file and parses it as load_buffer would, inside `bytes` when `inPlace`.
 pugi::xml_parse_result load(const std::string& logical, pugi::xml_document& doc, std::string& bytes, bool inPlace) {
     useXmlMemory();
-    pugi::xml_parse_result refused;
-    refused.status = pugi::status_file_not_found;
-    if (!readBytes(logical, bytes, fs::FileKind::kXml)) {
+    // A file that is not read, or read and refused (logged once), loads as a missing one.
+    auto refuse = [&](int why) {
+        if (why) fs::reportOnce("read", logical, why);
         doc.reset();
+        pugi::xml_parse_result refused;
+        refused.status = pugi::status_file_not_found;
         return refused;
-    }
-    if (holdsNulReference(bytes)) {
-        fs::reportOnce("read", logical, fs::kNulReference);
-        doc.reset();
-        return refused;
-    }
+    };
+    if (!readBytes(logical, bytes, fs::FileKind::kXml)) return refuse(0);
+    if (holdsNulReference(bytes)) return refuse(fs::kNulReference);
     pugi::xml_parse_result result =
         inPlace ? doc.load_buffer_inplace(&bytes[0], bytes.size(), pugi::parse_default, pugi::encoding_auto)
                 : doc.load_buffer(bytes.data(), bytes.size(), pugi::parse_default, pugi::encoding_auto);
     // No layout or rule file is nested anywhere near this deep; past it, saving with one
     // tab per level would grow with the square of the depth.
-    if (result && depthOf(doc) > kMaxXmlDepth) {
-        fs::reportOnce("read", logical, fs::kTooDeep);
-        doc.reset();
-        return refused;
-    }
+    if (result && depthOf(doc) > kMaxXmlDepth) return refuse(fs::kTooDeep);
     return result;
 }
 

@@ -65,7 +65,16 @@ int reencodeProtectedKey(int mode, const char* file, const char* section, const 
     char input[kPwDataBufferSize] = {};
     char output[kPwDataBufferSize] = {};
     std::memcpy(input, value.c_str(), std::min(std::strlen(value.c_str()), sizeof input - 1));
-    if (input[0] != '\0' && reencode(mode, input, output) == 0) cache.document.SetTextValue(section, key, output);
+    if (input[0] != '\0') {
+        int result = reencode(mode, input, output);
+        if (result == 0) cache.document.SetTextValue(section, key, output);
+        // A plain value that cannot be protected stays as it is, in clear: say where and
+        // why. An unusable key file was reported once for the whole run, and a value that
+        // does not decrypt is, as a rule, one that is plain already.
+        else if (mode == kReencodeEncrypt && result != kPwDataNoKey)
+            ETL_TraceHelper::etlTrace(3, "Cannot protect [%s] section [%s] key [%s]: %s; it is left as it was", file,
+                                      section, key, pw_data_failure_reason(result));
+    }
     return cache.document.SaveToFile(file) ? 1 : 0;
 }
 

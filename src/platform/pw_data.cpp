@@ -203,29 +203,19 @@ bool unprotect(Gcm& gcm, const char* input, char* plain) {
     return false;
 }
 
-// Writes the protected form of a non-empty input into `output`. Each failure is traced
-// with its reason, never with the value: the person who set up the phone learns why a
-// value was stored empty.
-bool protect(Gcm& gcm, const char* input, char* output) {
+// Writes the protected form of a non-empty input into `output`; 0, or why not. The
+// caller names the value's place when it says why; nothing here knows it.
+int protect(Gcm& gcm, const char* input, char* output) {
     std::size_t n = std::strlen(input);
-    if (protectedLength(n) > kLongestProtected) {
-        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: a value of %zu bytes is too long to protect (at most %zu)", n,
-                                  kPwDataLongestPlain);
-        return false;
-    }
+    if (protectedLength(n) > kLongestProtected) return kPwDataTooLong;
     unsigned char sealed[kLongestSealed];
-    if (!freshNonce(sealed)) {
-        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: no random nonce: %s", std::strerror(errno));
-        return false;
-    }
+    if (!freshNonce(sealed)) return kPwDataNoNonce;
     if (!gcm.seal(sealed, kBoundData, kPrefixLength, reinterpret_cast<const unsigned char*>(input), n,
-                  sealed + kNonceLength, sealed + kNonceLength + n)) {
-        ETL_TraceHelper::etlTrace(3, "pw_data_encrypt: the cipher failed");
-        return false;
-    }
+                  sealed + kNonceLength, sealed + kNonceLength + n))
+        return kPwDataCipherFailed;
     std::memcpy(output, kPrefix, kPrefixLength);
     encodeBase64Url(sealed, kNonceLength + n + kTagLength, output + kPrefixLength);
-    return true;
+    return 0;
 }
 
 // The translation's test for "already protected", kept here too so that the routine
@@ -237,38 +227,57 @@ bool isPlainAscii(const char* text) {
     return true;
 }
 
-bool alreadyProtected(Gcm& gcm, const char* input) {
+// A value of ours that needs no further protection: its plain text is ASCII (the
+// translation's test), or it holds a letter of 0x80 or above and a second protection
+// would not fit. That second protection exists only because such a plain text fails the
+// translation's test; where it cannot be made, the value as it stands is kept, so a
+// rerun never loses it.
+bool needsNoMoreProtection(Gcm& gcm, const char* input) {
     char plain[kPwDataBufferSize];
-    bool ours = unprotect(gcm, input, plain) && isPlainAscii(plain);
+    bool ours = unprotect(gcm, input, plain);
+    bool done = ours && (isPlainAscii(plain) || protectedLength(std::strlen(input)) > kLongestProtected);
     explicit_bzero(plain, sizeof plain);
-    return ours;
+    return done;
 }
 
 }  // namespace
 
+const char* pw_data_failure_reason(int result) {
+    switch (result) {
+        case kPwDataNoKey: return "no usable password key";
+        case kPwDataTooLong:
+            static_assert(kPwDataLongestPlain == 88, "the words below name the bound");
+            return "too long to protect (at most 88 bytes)";
+        case kPwDataNoNonce: return "no random nonce";
+        case kPwDataCipherFailed: return "the cipher failed";
+        case kPwDataNotProtected: return "not a protected value";
+        default: return "the password routine failed";
+    }
+}
+
 int pw_data_encrypt(const char* input, char* output) {
     output[0] = '\0';
+    // Nothing to hide, and no key needed: an empty password stays visibly empty.
+    if (*input == '\0') return 0;
     Gcm* gcm = runCipher();
-    if (!gcm) return 1;
-    if (alreadyProtected(*gcm, input)) {
+    if (!gcm) return kPwDataNoKey;
+    if (needsNoMoreProtection(*gcm, input)) {
         std::memcpy(output, input, std::strlen(input) + 1);
         return 0;
     }
-    // Nothing to hide: an empty password stays visibly empty.
-    if (*input == '\0') return 0;
-    return protect(*gcm, input, output) ? 0 : 1;
+    return protect(*gcm, input, output);
 }
 
 int pw_data_decrypt(const char* input, char* output) {
     output[0] = '\0';
     Gcm* gcm = runCipher();
-    if (!gcm) return 1;
+    if (!gcm) return kPwDataNoKey;
     if (unprotect(*gcm, input, output)) return 0;
     // Plain text failing here is the routine's everyday answer; only a value that looks
     // protected and does not open (another key, a damaged value) is worth a word.
     if (std::strncmp(input, kPrefix, kPrefixLength) == 0)
         ETL_TraceHelper::etlTrace(3, "pw_data_decrypt: a value in the protected form does not open with this key");
-    return 1;
+    return kPwDataNotProtected;
 }
 
 void pw_data_report_key_source() {

@@ -21,17 +21,21 @@ const PasswordRoutines& platformPasswordRoutines() {
     return routines;
 }
 
-std::string protectValue(const std::string& value, bool protect, const PasswordRoutines& routines) {
-    if (!protect) return value;
+int protectValue(const std::string& value, bool protect, std::string& stored, const PasswordRoutines& routines) {
+    if (!protect) {
+        stored = value;
+        return 0;
+    }
     char buffer[kPwDataBufferSize] = {};
-    if (routines.decrypt(value.c_str(), buffer) == 0 && isPlainAscii(buffer)) return value;
-    // The result is not looked at: a routine that cannot protect the value (too long,
-    // no key) writes the empty text and says why itself, and the empty text is stored,
-    // so a value meant to be protected never stays in clear. The buffer is not cleared
-    // again: the routine writes its whole output.
-    routines.encrypt(value.c_str(), buffer);
-    std::string result(buffer, strnlen(buffer, sizeof buffer));
+    if (routines.decrypt(value.c_str(), buffer) == 0 && isPlainAscii(buffer)) {
+        explicit_bzero(buffer, sizeof buffer);
+        stored = value;
+        return 0;
+    }
+    // The buffer is not cleared again: the routine writes its whole output.
+    int failure = routines.encrypt(value.c_str(), buffer);
+    stored.assign(failure ? "" : buffer, failure ? 0 : strnlen(buffer, sizeof buffer));
     // It may hold the plain form of the input from the decrypt attempt.
     explicit_bzero(buffer, sizeof buffer);
-    return result;
+    return failure;
 }

@@ -12,9 +12,12 @@ struct PasswordRoutines {
 // The platform's routines.
 const PasswordRoutines& platformPasswordRoutines();
 
-// Without `protect` the value comes back unchanged. With it, a value that is already
-// protected (it decrypts, to a text without bytes of 0x80 or above) comes back
-// unchanged and any other value as what `encrypt` writes: its protected form, or the
-// empty text when the routine cannot protect it (too long, no usable key). Logs nothing.
-std::string protectValue(const std::string& value, bool protect,
-                         const PasswordRoutines& routines = platformPasswordRoutines());
+// The text a rule stores for `value`, in `stored`; 0, or the non-zero result of
+// `encrypt` when the value cannot be protected (no usable key, no nonce, too long), in
+// which case `stored` is empty and the caller stores nothing: a value meant to be
+// protected is neither erased nor written in clear. Without `protect` the value comes
+// back unchanged. With it, a value that is already protected (it decrypts, to a text
+// without bytes of 0x80 or above) comes back unchanged and any other value as what
+// `encrypt` writes. Logs nothing.
+int protectValue(const std::string& value, bool protect, std::string& stored,
+                 const PasswordRoutines& routines = platformPasswordRoutines());

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "platform/log.h"
+#include "platform/pw_data.h"
 #include "store/config_store.h"
 #include "store/xml_files.h"
 #include "translate/protect_value.h"
@@ -25,29 +26,50 @@ struct RuleBuffers {
     std::string srcFile;
     std::string dstFile;
     std::string value;
+    std::string scratch;
 };
 
 // A rule without a complete source clears its destination, unprotected. A source file
-// that cannot be loaded reads as the empty text, not as the default.
-void readRuleValue(const TranslateRule& rule, bool protect, RuleBuffers& buffers) {
+// that cannot be loaded reads as the empty text, not as the default. 0, or why the
+// value could not be protected (the password routine's result).
+int readRuleValue(const TranslateRule& rule, bool protect, RuleBuffers& buffers) {
     buffers.value.clear();
-    if (rule.srcFile.empty() || rule.srcSec.empty() || rule.srcKey.empty()) return;
+    if (rule.srcFile.empty() || rule.srcSec.empty() || rule.srcKey.empty()) return 0;
     buffers.srcFile.assign(rule.srcFile);
-    if (!store::readText(buffers.srcFile, rule.srcSec, rule.srcKey, buffers.value))
+    buffers.scratch.clear();  // what an unloadable source reads as
+    if (!store::readText(buffers.srcFile, rule.srcSec, rule.srcKey, buffers.scratch))
         std::printf("Can's load user's inifile [%s]!\n", buffers.srcFile.c_str());
-    if (protect) buffers.value = protectValue(buffers.value, true);
+    return protectValue(buffers.scratch, protect, buffers.value);
 }
 
 bool hasDestination(const TranslateRule& rule) {
     return !rule.dstFile.empty() && !rule.dstSec.empty() && !rule.dstKey.empty();
 }
 
+// Whether the destination loads and may be written, asked as a set would ask it, for a
+// rule that sets nothing: the walk still stops where a set would have stopped it.
+bool destinationLoads(const TranslateRule& rule, RuleBuffers& buffers) {
+    return store::mayWrite(buffers.dstFile) && store::readText(buffers.dstFile, rule.dstSec, rule.dstKey, buffers.scratch);
+}
+
 // False when the destination cannot be loaded: the run stops there. The source is
 // read into a text of its own before the destination is set, so an in-place rule
-// reads the file as it stood before the rule.
+// reads the file as it stood before the rule. A value that cannot be protected leaves
+// the destination as it was (erasing it, or storing it in clear, would lose or expose
+// a password), with one line that says where and why, never the value.
 bool applyRule(const TranslateRule& rule, bool lockOn, RuleBuffers& buffers) {
-    readRuleValue(rule, lockOn && rule.dstEncrypt, buffers);
+    int unprotectable = readRuleValue(rule, lockOn && rule.dstEncrypt, buffers);
     buffers.dstFile.assign(rule.dstFile);
+    if (unprotectable) {
+        if (!destinationLoads(rule, buffers)) {
+            std::puts("Can's load user's inifile!");
+            return false;
+        }
+        app_log(60, 4, "Cannot protect [%s] section [%.*s] key [%.*s]: %s; it is left as it was\n",
+                buffers.dstFile.c_str(), static_cast<int>(rule.dstSec.size()), rule.dstSec.data(),
+                static_cast<int>(rule.dstKey.size()), rule.dstKey.data(), pw_data_failure_reason(unprotectable));
+        return true;
+    }
     // A destination outside the writable areas is one that cannot be loaded (logged once).
     if (store::setText(buffers.dstFile, rule.dstSec, rule.dstKey, buffers.value) == store::TextSet::kFileRefused) {
         std::puts("Can's load user's inifile!");

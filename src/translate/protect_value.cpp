@@ -39,3 +39,14 @@ int protectValue(const std::string& value, bool protect, std::string& stored, co
     explicit_bzero(buffer, sizeof buffer);
     return failure;
 }
+
+bool sameProtectedText(const std::string& a, const std::string& b, const PasswordRoutines& routines) {
+    char plainA[kPwDataBufferSize] = {};
+    char plainB[kPwDataBufferSize] = {};
+    bool same = routines.decrypt(a.c_str(), plainA) == 0 && routines.decrypt(b.c_str(), plainB) == 0 &&
+                std::strcmp(plainA, plainB) == 0;
+    // Both may hold a password in clear.
+    explicit_bzero(plainA, sizeof plainA);
+    explicit_bzero(plainB, sizeof plainB);
+    return same;
+}

@@ -21,3 +21,7 @@ const PasswordRoutines& platformPasswordRoutines();
 // `encrypt` writes. Logs nothing.
 int protectValue(const std::string& value, bool protect, std::string& stored,
                  const PasswordRoutines& routines = platformPasswordRoutines());
+
+// True when both texts are protected values that open to the same plain text.
+bool sameProtectedText(const std::string& a, const std::string& b,
+                       const PasswordRoutines& routines = platformPasswordRoutines());

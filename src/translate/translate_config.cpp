@@ -57,8 +57,16 @@ bool destinationLoads(const TranslateRule& rule, RuleBuffers& buffers) {
 // reads the file as it stood before the rule. A value that cannot be protected leaves
 // the destination as it was (erasing it, or storing it in clear, would lose or expose
 // a password), with one line that says where and why, never the value.
+// A destination that already protects the text this rule would store keeps its bytes:
+// protecting again changes only the nonce, and would write the file on every boot.
+bool destinationProtectsSame(const TranslateRule& rule, RuleBuffers& buffers) {
+    return store::readText(buffers.dstFile, rule.dstSec, rule.dstKey, buffers.scratch) &&
+           sameProtectedText(buffers.scratch, buffers.value);
+}
+
 bool applyRule(const TranslateRule& rule, bool lockOn, RuleBuffers& buffers) {
-    int unprotectable = readRuleValue(rule, lockOn && rule.dstEncrypt, buffers);
+    bool protect = lockOn && rule.dstEncrypt;
+    int unprotectable = readRuleValue(rule, protect, buffers);
     buffers.dstFile.assign(rule.dstFile);
     if (unprotectable) {
         if (!destinationLoads(rule, buffers)) {
@@ -70,6 +78,7 @@ bool applyRule(const TranslateRule& rule, bool lockOn, RuleBuffers& buffers) {
                 static_cast<int>(rule.dstKey.size()), rule.dstKey.data(), pw_data_failure_reason(unprotectable));
         return true;
     }
+    if (protect && store::mayWrite(buffers.dstFile) && destinationProtectsSame(rule, buffers)) return true;
     // A destination outside the writable areas is one that cannot be loaded (logged once).
     if (store::setText(buffers.dstFile, rule.dstSec, rule.dstKey, buffers.value) == store::TextSet::kFileRefused) {
         std::puts("Can's load user's inifile!");

@@ -44,6 +44,10 @@ void gatherDirectIpAccount() {
         // copy failed keeps its place, and the next flagged file gets its turn.
         if (gathered.empty()) {
             if (store::copyFile(kDirectIpFile, path)) gathered = path;
+            // The direct-IP file is this account file under another name (a link): it
+            // holds the account already, and a lower flagged file copied over it would
+            // erase it. Nothing is copied or removed.
+            else if (store::sameFile(kDirectIpFile, path)) return;
             continue;
         }
         if (!store::removeFile(path)) othersGone = false;
@@ -82,10 +86,12 @@ int stripValueMarks(const std::string& path) {
 // Run after the last step of mode 2, when everything else is durable. A cut of power at
 // any earlier moment leaves the direct-IP file in place, so the next boot installs it
 // again rather than the factory's account file 16 over it. Removed only when account
-// file 16 holds exactly its bytes: a copy that failed leaves both where they were.
+// file 16 is another file holding exactly its bytes: a copy that failed, also one onto
+// itself (one file under two names), leaves both where they were.
 void removeInstalledDirectIpFile() {
     std::string installed, own;
     if (!ETL_MiscHelper::pathFileExist(kDirectIpFile)) return;
+    if (store::sameFile(accountFilePath(16), kDirectIpFile)) return;
     if (!store::readFile(accountFilePath(16), installed) || !store::readFile(kDirectIpFile, own) || installed != own) return;
     store::removeFile(kDirectIpFile);
 }

@@ -350,7 +350,10 @@ int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
 bool pathExists(const std::string& logical) {
     Lookup found;
     int err = lookup(logical, Access::kRead, found);
-    if (err == kLinkLeavesArea) return true;  // something is there; reading it is refused
+    if (err == kLinkLeavesArea) {  // something is there; reading it is refused
+        reportOnce("read", logical, err);
+        return true;
+    }
     if (err || !found.present) return false;
     if (found.ownFileOnly && !ownedAndGuarded(found.st)) {
         reportOnce("read", logical, kUntrustedRecord);
@@ -362,7 +365,9 @@ bool pathExists(const std::string& logical) {
 bool mayWrite(const std::string& logical) {
     Lookup found;
     int err = lookup(logical, Access::kWrite, found);
-    if (err < 0) reportOnce("write", logical, err);
+    // A missing directory too: nothing creates one, so the write that was asked for will
+    // not happen, and that is said once.
+    if (err) reportOnce("write", logical, err);
     return err == 0;
 }
 

@@ -1,4 +1,5 @@
 #include "migrations/accounts/accounts.h"
+#include "platform/log.h"
 #include "store/config_store.h"
 
 namespace {
@@ -28,6 +29,19 @@ void stripSectionMarks(ETL_FileHelper::iniSection& section) {
             stripMark(*static_cast<ETL_FileHelper::iniKey*>(node));
 }
 
+// True, with one line, when the direct-IP file is an account file other than `source`
+// under another name (a link joins them): the gather's copy would overwrite that account.
+bool directIpFileIsAnotherAccount(const std::string& source) {
+    for (int n = 16; n >= 0; --n) {
+        std::string other = accountFilePath(n);
+        if (other == source || !store::sameFile(kDirectIpFile, other)) continue;
+        app_log(60, 4, "Cannot copy [%s] to [%s]: it is [%s] under another name\n", source.c_str(), kDirectIpFile,
+                other.c_str());
+        return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 void gatherDirectIpAccount() {
@@ -42,11 +56,13 @@ void gatherDirectIpAccount() {
         if (!flaggedDirectIp(path)) continue;
         // The highest flagged file that copies becomes the direct-IP file. A file whose
         // copy failed keeps its place, and the next flagged file gets its turn.
+        // A direct-IP file that is an account file under another name is not gathered
+        // into: a copy over it would erase that account. When it is this very file, the
+        // copy fails (it is one file) and a lower flagged file must not take its turn.
+        // Nothing is copied or removed then.
         if (gathered.empty()) {
+            if (directIpFileIsAnotherAccount(path)) return;
             if (store::copyFile(kDirectIpFile, path)) gathered = path;
-            // The direct-IP file is this account file under another name (a link): it
-            // holds the account already, and a lower flagged file copied over it would
-            // erase it. Nothing is copied or removed.
             else if (store::sameFile(kDirectIpFile, path)) return;
             continue;
         }

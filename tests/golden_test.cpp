@@ -7,10 +7,13 @@
 // walk of older kernels, with the same expectations. CFGUPGRADE_GOLDEN=update rewrites the
 // expectations from what the tool does: read that diff before committing it.
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <iterator>
+#include <thread>
 
 #include "migrations/accounts/accounts.h"
 #include "migrations/features/features.h"
@@ -218,4 +221,33 @@ TEST(GoldenSteps, AnswerAsTheirCaseSays) {
         store::reset();
     }
     unsetenv("CFGUPGRADE_LOG");
+}
+
+// One run at a time per root: a run waits for the one holding /config, and gives up with
+// one line, changing nothing, when it is held past the wait's bound (10 s).
+TEST(GoldenLock, ARunWaitsForTheRunHoldingTheRootThenGivesUp) {
+    const std::string refused = "Cannot lock [/config]: another run has held it for 10 s; this run changes nothing\n";
+    for (bool releasedSoon : {true, false}) {
+        tool::WorkDir work;
+        ASSERT_EQ(prepare("every-step.1", readCase("every-step.1"), work), "");
+        tool::Tree before = tool::snapshot(work.path);
+        int held = open((work.root() + "/config").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(flock(held, LOCK_EX), 0);
+        std::thread release([&] {
+            if (releasedSoon) std::this_thread::sleep_for(std::chrono::milliseconds(300)), close(held);
+        });
+        auto start = std::chrono::steady_clock::now();
+        tool::Run run = tool::run(work.path, readCase("every-step.1").options);
+        double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        release.join();
+        if (!releasedSoon) close(held);
+        std::map<std::string, std::string> files;
+        std::string text = summary(run, before, tool::snapshot(work.path), files);
+        EXPECT_EQ(run.status, 0) << text;
+        EXPECT_EQ(text.find(refused) == std::string::npos, releasedSoon) << text;
+        const std::string nothingChanged = "--- changes\n";
+        EXPECT_EQ(text.size() >= nothingChanged.size() && text.substr(text.size() - nothingChanged.size()) == nothingChanged,
+                  !releasedSoon) << text;
+        EXPECT_LT(seconds, releasedSoon ? 5.0 : 12.0) << text;
+    }
 }

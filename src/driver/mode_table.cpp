@@ -9,6 +9,7 @@
 #include "passwords/passwords.h"
 #include "platform/log.h"
 #include "store/config_store.h"
+#include "store/run_lock.h"
 #include "translate/translate.h"
 
 namespace {
@@ -102,6 +103,7 @@ int runUpgrade(int argc, char** argv) {
         return 0;
     }
     Mode mode = parseMode(argv[1]);
+    if (!store::lockConfigTree()) return 0;
     // The version record is tested once, when the first step that needs it is reached,
     // so its four steps run together or not at all.
     int versionRecord = -1;

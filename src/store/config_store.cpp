@@ -250,6 +250,8 @@ bool removeFile(const std::string& logical) {
     return fs::removeFile(logical);
 }
 
+bool sameFile(const std::string& a, const std::string& b) { return fs::sameFile(a, b); }
+
 bool readFile(const std::string& logical, std::string& bytes) { return readBytes(logical, bytes, fs::FileKind::kCopy); }
 
 bool mayWrite(const std::string& logical) { return iniMayWrite(logical); }

@@ -122,8 +122,12 @@ bool unreadable(const std::string& logical);
 // removal depends on is still only in memory.
 bool copyFile(const std::string& dst, const std::string& src);
 
-// Removes a file durably, after committing pending changes.
+// Removes a file durably, after committing pending changes. A link is removed as a
+// link: its target stays.
 bool removeFile(const std::string& logical);
+
+// True when both paths lead to one file: a link or a hard link makes two names one.
+bool sameFile(const std::string& a, const std::string& b);
 
 // Raw bytes of a file (XML, certificates), including changes not yet committed.
 bool readFile(const std::string& logical, std::string& bytes);

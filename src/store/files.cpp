@@ -172,6 +172,14 @@ int listOpen(int dir, std::vector<std::string>& names, bool plainOnly = false) {
     return err;
 }
 
+// Only what this tool could have left: a regular file of its own user, of the exact
+// pattern. A name that merely matches may belong to someone else.
+bool isOwnTempFile(int dir, const char* name) {
+    struct stat st;
+    return isTempName(name) && fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+           st.st_uid == geteuid();
+}
+
 // A run cut off by a power loss can leave a temporary file behind; it was never
 // renamed into place, so it holds nothing anybody needs. Done once per directory.
 // A directory that cannot be listed is reported; the write goes on without it.
@@ -186,7 +194,7 @@ void removeStaleTempFiles(int dir, const std::string& logicalDir) {
     // No fsync of its own: the replacement this cleaning comes before syncs the directory,
     // and a removal a cut takes back only leaves the file for the next run to remove.
     for (const std::string& name : names)
-        if (isTempName(name.c_str())) unlinkat(dir, name.c_str(), 0);
+        if (isOwnTempFile(dir, name.c_str())) unlinkat(dir, name.c_str(), 0);
 }
 
 struct Attribute {
@@ -283,7 +291,9 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     if (int err = examineTarget(at, kept, bytes, unchanged)) return err;
     if (unchanged) return 0;
 
-    removeStaleTempFiles(at.dir.get(), parentOf(logical));
+    // Only in the /config tree: the version record's directory is /tmp, which every user
+    // shares, and nothing outside the writable areas is ever removed.
+    if (!at.ownFileOnly) removeStaleTempFiles(at.dir.get(), parentOf(logical));
     std::string temp;
     // A new file is created with its final mode, so a default ACL of the directory
     // applies as it would to any new file; a replacement starts private until it has
@@ -340,7 +350,10 @@ int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
 bool pathExists(const std::string& logical) {
     Lookup found;
     int err = lookup(logical, Access::kRead, found);
-    if (err == kLinkLeavesArea) return true;  // something is there; reading it is refused
+    if (err == kLinkLeavesArea) {  // something is there; reading it is refused
+        reportOnce("read", logical, err);
+        return true;
+    }
     if (err || !found.present) return false;
     if (found.ownFileOnly && !ownedAndGuarded(found.st)) {
         reportOnce("read", logical, kUntrustedRecord);
@@ -352,7 +365,9 @@ bool pathExists(const std::string& logical) {
 bool mayWrite(const std::string& logical) {
     Lookup found;
     int err = lookup(logical, Access::kWrite, found);
-    if (err < 0) reportOnce("write", logical, err);
+    // A missing directory too: nothing creates one, so the write that was asked for will
+    // not happen, and that is said once.
+    if (err) reportOnce("write", logical, err);
     return err == 0;
 }
 
@@ -364,6 +379,19 @@ bool writeFileAtomically(const std::string& logical, std::string_view bytes) {
     return err == 0;
 }
 
+namespace {
+
+// A copy onto its own source (two names of one file, through a link or a hard link) is
+// refused, as cp refuses it: it would change nothing, yet a caller would take it for a
+// copy and remove its source, which is the only place the bytes are.
+int refuseSameFile(const std::string& dst, const struct stat& src) {
+    Lookup found;
+    if (lookup(dst, Access::kWrite, found) != 0 || !found.present) return 0;  // the write reports it
+    return found.st.st_dev == src.st_dev && found.st.st_ino == src.st_ino ? kSameFile : 0;
+}
+
+}  // namespace
+
 bool copyFileAtomically(const std::string& dst, const std::string& src) {
     Location from;
     std::string bytes;
@@ -373,6 +401,7 @@ bool copyFileAtomically(const std::string& dst, const std::string& src) {
     // A new copy gets its source's permissions, as cp gives them, unless it may hold a password.
     mode_t mask = umask(0);
     umask(mask);
+    if (!err) err = refuseSameFile(dst, st);
     if (!err) err = writeResolved(dst, bytes, st.st_mode & 0777 & ~mask);
     if (err)
         report("Cannot copy [%s] to [%s]: %s", src.c_str(), dst.c_str(), describe(err));
@@ -381,11 +410,17 @@ bool copyFileAtomically(const std::string& dst, const std::string& src) {
 
 bool removeFile(const std::string& logical) {
     Location at;
-    int err = resolve(logical, Access::kWrite, at);
+    int err = resolve(logical, Access::kRemove, at);
     // Without AT_REMOVEDIR, unlinkat refuses a directory with EISDIR: no stat of our own.
     if (!err) err = unlinkat(at.dir.get(), at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir.get());
     if (err && err != ENOENT) logFailure("remove", logical, err);
     return err == 0;
+}
+
+bool sameFile(const std::string& a, const std::string& b) {
+    Lookup first, second;
+    return lookup(a, Access::kRead, first) == 0 && lookup(b, Access::kRead, second) == 0 && first.present &&
+           second.present && first.st.st_dev == second.st.st_dev && first.st.st_ino == second.st.st_ino;
 }
 
 namespace {

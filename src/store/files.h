@@ -42,11 +42,16 @@ bool mayWrite(const std::string& logical);
 // Writes nothing when the file already holds exactly these bytes.
 bool writeFileAtomically(const std::string& logical, std::string_view bytes);
 
-// Copies src over dst through the atomic writer; false when the copy did not land.
+// Copies src over dst through the atomic writer; false when the copy did not land,
+// also when both name one file.
 bool copyFileAtomically(const std::string& dst, const std::string& src);
 
-// Removes a file and makes the removal durable.
+// Removes a file and makes the removal durable. A name that is a link is removed as a
+// link (inside the writable areas, wherever it leads); its target stays.
 bool removeFile(const std::string& logical);
+
+// True when both paths lead to one file (same device and inode, links followed).
+bool sameFile(const std::string& a, const std::string& b);
 
 // Names of a directory's entries, except "." and "..", in the order the system returns them.
 // A listing that fails is logged (unless the directory is missing) and gives the names

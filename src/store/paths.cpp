@@ -266,6 +266,7 @@ const char* describe(int err) {
         case kTooDeep: return "nested too deep";
         case kNotAbsolute: return "not an absolute path";
         case kNulReference: return "a character reference to NUL";
+        case kSameFile: return "they are the same file";
         default: return std::strerror(err);
     }
 }
@@ -294,7 +295,7 @@ int directoryNameError(const std::string& rel) {
 int locate(std::string_view logical, Access access, Found& out) {
     if (logical.empty() || logical.front() != '/') return kNotAbsolute;
     const Area* area = areaOf(logical);
-    if (access == Access::kWrite && !area) return kOutsideWritableAreas;
+    if (access != Access::kRead && !area) return kOutsideWritableAreas;
     std::string rel = relative(logical), dirRel, name;
     splitLast(rel, dirRel, name);
     if (name.empty() || name == "." || name == "..") return directoryNameError(rel);
@@ -315,6 +316,7 @@ int locate(std::string_view logical, Access access, Found& out) {
         present = fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
         if (!present || !S_ISLNK(st.st_mode)) break;
         if (area && !area->followLinks) break;  // never followed: the record is judged as found
+        if (access == Access::kRemove) break;   // the link is the name removed
         if (links >= kMaxLinks) return ELOOP;
         char target[4096];
         ssize_t n = readlinkat(fd, name.c_str(), target, sizeof target - 1);

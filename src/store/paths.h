@@ -21,7 +21,9 @@
 
 namespace store::fs {
 
-enum class Access { kRead, kWrite };
+// kRemove is kWrite for the name itself: a link in the last place is not followed, so
+// removing a link removes the link, as remove(3) does, and never its target.
+enum class Access { kRead, kWrite, kRemove };
 
 // Refusals that are not system errors; errors elsewhere are errno values.
 constexpr int kOutsideWritableAreas = -1;
@@ -31,6 +33,7 @@ constexpr int kUntrustedRecord = -4;
 constexpr int kTooDeep = -5;
 constexpr int kNotAbsolute = -6;
 constexpr int kNulReference = -7;
+constexpr int kSameFile = -8;
 
 // The text for an errno value or a refusal above.
 const char* describe(int err);

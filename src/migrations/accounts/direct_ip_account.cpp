@@ -1,4 +1,5 @@
 #include "migrations/accounts/accounts.h"
+#include "platform/log.h"
 #include "store/config_store.h"
 
 namespace {
@@ -28,6 +29,19 @@ void stripSectionMarks(ETL_FileHelper::iniSection& section) {
             stripMark(*static_cast<ETL_FileHelper::iniKey*>(node));
 }
 
+// True, with one line, when the direct-IP file is an account file other than `source`
+// under another name (a link joins them): the gather's copy would overwrite that account.
+bool directIpFileIsAnotherAccount(const std::string& source) {
+    for (int n = 16; n >= 0; --n) {
+        std::string other = accountFilePath(n);
+        if (other == source || !store::sameFile(kDirectIpFile, other)) continue;
+        app_log(60, 4, "Cannot copy [%s] to [%s]: it is [%s] under another name\n", source.c_str(), kDirectIpFile,
+                other.c_str());
+        return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 void gatherDirectIpAccount() {
@@ -42,8 +56,14 @@ void gatherDirectIpAccount() {
         if (!flaggedDirectIp(path)) continue;
         // The highest flagged file that copies becomes the direct-IP file. A file whose
         // copy failed keeps its place, and the next flagged file gets its turn.
+        // A direct-IP file that is an account file under another name is not gathered
+        // into: a copy over it would erase that account. When it is this very file, the
+        // copy fails (it is one file) and a lower flagged file must not take its turn.
+        // Nothing is copied or removed then.
         if (gathered.empty()) {
+            if (directIpFileIsAnotherAccount(path)) return;
             if (store::copyFile(kDirectIpFile, path)) gathered = path;
+            else if (store::sameFile(kDirectIpFile, path)) return;
             continue;
         }
         if (!store::removeFile(path)) othersGone = false;
@@ -82,10 +102,12 @@ int stripValueMarks(const std::string& path) {
 // Run after the last step of mode 2, when everything else is durable. A cut of power at
 // any earlier moment leaves the direct-IP file in place, so the next boot installs it
 // again rather than the factory's account file 16 over it. Removed only when account
-// file 16 holds exactly its bytes: a copy that failed leaves both where they were.
+// file 16 is another file holding exactly its bytes: a copy that failed, also one onto
+// itself (one file under two names), leaves both where they were.
 void removeInstalledDirectIpFile() {
     std::string installed, own;
     if (!ETL_MiscHelper::pathFileExist(kDirectIpFile)) return;
+    if (store::sameFile(accountFilePath(16), kDirectIpFile)) return;
     if (!store::readFile(accountFilePath(16), installed) || !store::readFile(kDirectIpFile, own) || installed != own) return;
     store::removeFile(kDirectIpFile);
 }

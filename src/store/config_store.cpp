@@ -256,13 +256,10 @@ TextSet setText(const std::string& file, std::string_view section, std::string_v
     // The same order of questions as a document's load: the file is read (an unreadable
     // one logged) before whether it may be written is asked.
     if (!iniMayWrite(file) || !loadIni(file)) return TextSet::kFileRefused;
-    if (!isWritableSet(section, key, value)) {
-        reportRefusedSet(file, section, key);
-        return TextSet::kValueRefused;
-    }
     KeySet set{section, key, value};
-    updateIni(file, &set, 1);
-    return TextSet::kSet;
+    if (updateIni(file, &set, 1) == Update::kDone) return TextSet::kSet;
+    reportRefusedSet(file, section, key);
+    return TextSet::kValueRefused;
 }
 
 bool writeFile(const std::string& logical, const std::string& bytes) {

@@ -229,24 +229,19 @@ Update updateIni(const std::string& logical, const KeySet* sets, size_t count) {
     CachedFile* entry = changeableEntry(logical);
     if (!entry) return Update::kFileRefused;
     using ETL_FileHelper::IniText;
-    for (size_t i = 0; i < count; ++i)
-        if (!IniText::isWritableName(sets[i].section, ']') || !IniText::isWritableName(sets[i].key, '=') ||
-            !IniText::isWritableValue(sets[i].value))
-            return Update::kSetRefused;
     auto target = entry->text && entry->text.use_count() == 1 ? entry->text
                                                              : std::make_shared<IniText>(entry->text ? *entry->text : IniText());
     unsigned long before = target->revision();
-    // With the names and values checked, only a text too large to address refuses, and
-    // it refuses the first set: all or none.
-    for (size_t i = 0; i < count; ++i)
-        if (!target->set(sets[i].section, sets[i].key, sets[i].value)) return Update::kSetRefused;
+    size_t made = 0;
+    while (made < count && target->set(sets[made].section, sets[made].key, sets[made].value)) ++made;
+    Update result = made == count ? Update::kDone : Update::kSetRefused;
     // Values that were already there change nothing: the file is not marked, nothing is
     // serialized or compared at the commit, and a copy made for the change is dropped.
-    if (entry->text && target->revision() == before) return Update::kDone;
+    if (target->revision() == before) return result;
     entry->text = std::move(target);
     markChanged(*entry);
-    for (size_t i = 0; i < count; ++i) remember(*entry, sets[i].section, sets[i].key);
-    return Update::kDone;
+    for (size_t i = 0; i < made; ++i) remember(*entry, sets[i].section, sets[i].key);
+    return result;
 }
 
 IniPtr saveIni(const std::string& logical, const IniPtr& base, const std::vector<PendingValue>& values) {

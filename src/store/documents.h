@@ -30,11 +30,12 @@ struct KeySet {
 
 enum class Update { kFileRefused, kSetRefused, kDone };
 
-// Sets `count` keys in the file's content for every later read, all or none.
-// kFileRefused when the path is not usable, its directory does not exist, or the file
-// exists but cannot be read (writing over it would lose what it holds); kSetRefused
-// when a name or value would not read back the same. The sets are made in place when
-// nobody but the store holds the content (no copy of the file per set), else on a copy.
+// Sets `count` keys in the file's content for every later read. kFileRefused when the
+// path is not usable, its directory does not exist, or the file exists but cannot be
+// read (writing over it would lose what it holds); kSetRefused when a name or value
+// would not read back the same: the sets before it are made, those after it are not.
+// The sets are made in place when nobody but the store holds the content (no copy of
+// the file per set), else on a copy.
 Update updateIni(const std::string& logical, const KeySet* sets, size_t count);
 
 // Saves a document: `base` with `values` set on it becomes the file's content, and

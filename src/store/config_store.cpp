@@ -27,12 +27,6 @@ std::optional<std::string_view> findValue(const store::IniPtr& text, std::string
     return text->find(section, key);
 }
 
-// Applies `change` to the file's content and hands it back to the store.
-template <typename Change>
-bool changeFile(const std::string& file, Change change) {
-    return store::updateIni(file, change);
-}
-
 // A set refused because the text could not be read back the same: the file stays as
 // it is, and the log says where, never what (the value may be a password).
 void reportRefusedSet(std::string_view file, std::string_view section, std::string_view key) {
@@ -51,11 +45,10 @@ int getInt(const std::string& file, const std::string& section, const std::strin
 
 bool setInt(const std::string& file, const std::string& section, const std::string& key, int value) {
     std::string text = std::to_string(value);
-    return changeFile(file, [&](IniText& doc) {
-        if (doc.set(section, key, text)) return true;
-        reportRefusedSet(file, section, key);
-        return false;
-    });
+    store::KeySet set{section, key, text};
+    store::Update done = store::updateIni(file, &set, 1);
+    if (done == store::Update::kSetRefused) reportRefusedSet(file, section, key);
+    return done == store::Update::kDone;
 }
 
 }  // namespace
@@ -123,11 +116,9 @@ bool registrySetInt(HREGISTRY handle, const std::string& key, int value) {
 
 bool registryFlush(HREGISTRY handle) {
     if (!handle || handle->pending.empty()) return handle != nullptr;
-    bool ok = changeFile(handle->file, [&](IniText& doc) {
-        for (const auto& entry : handle->pending)
-            if (!doc.set(handle->section, entry.first, entry.second)) return false;
-        return true;
-    });
+    std::vector<store::KeySet> sets;
+    for (const auto& entry : handle->pending) sets.push_back({handle->section, entry.first, entry.second});
+    bool ok = store::updateIni(handle->file, sets.data(), sets.size()) == store::Update::kDone;
     handle->pending.clear();
     return ok;
 }
@@ -267,12 +258,10 @@ TextSet setText(const std::string& file, std::string_view section, std::string_v
     // The same order of questions as a document's load: the file is read (an unreadable
     // one logged) before whether it may be written is asked.
     if (!iniMayWrite(file) || !loadIni(file)) return TextSet::kFileRefused;
-    if (!isWritableSet(section, key, value)) {
-        reportRefusedSet(file, section, key);
-        return TextSet::kValueRefused;
-    }
-    changeFile(file, [&](IniText& doc) { return doc.set(section, key, value); });
-    return TextSet::kSet;
+    KeySet set{section, key, value};
+    if (updateIni(file, &set, 1) == Update::kDone) return TextSet::kSet;
+    reportRefusedSet(file, section, key);
+    return TextSet::kValueRefused;
 }
 
 bool writeFile(const std::string& logical, const std::string& bytes) {

@@ -7,9 +7,9 @@
 // not change is never written.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "store/files.h"
@@ -23,12 +23,20 @@ using IniPtr = std::shared_ptr<const ETL_FileHelper::IniText>;
 // The file's current content; null when it does not exist or cannot be read.
 IniPtr loadIni(const std::string& logical);
 
-// Changes the file's content for every later read. False when the path is not
-// usable, its directory does not exist, or the file exists but cannot be read
-// (writing over it would lose what it holds). The change is made in place when
-// nobody but the store holds the content (no copy of the file per set), else on a
-// copy. `change` must either succeed or leave the text as it was.
-bool updateIni(const std::string& logical, const std::function<bool(ETL_FileHelper::IniText&)>& change);
+// One key to set, as its caller holds it.
+struct KeySet {
+    std::string_view section, key, value;
+};
+
+enum class Update { kFileRefused, kSetRefused, kDone };
+
+// Sets `count` keys in the file's content for every later read. kFileRefused when the
+// path is not usable, its directory does not exist, or the file exists but cannot be
+// read (writing over it would lose what it holds); kSetRefused when a name or value
+// would not read back the same: the sets before it are made, those after it are not.
+// The sets are made in place when nobody but the store holds the content (no copy of
+// the file per set), else on a copy.
+Update updateIni(const std::string& logical, const KeySet* sets, size_t count);
 
 // Saves a document: `base` with `values` set on it becomes the file's content, and
 // is returned (null when refused as updateIni refuses). When `base` is the file's
@@ -47,10 +55,17 @@ bool iniMayWrite(const std::string& logical);
 // Such a file is never written over; a step may also skip an item that would rest on it.
 bool iniUnreadable(const std::string& logical);
 
-// Writes every changed file, in the order of their first change. False when a
-// write failed; that file is then read from disk again, so later reads see what
-// it really holds. A file that could not be read spoils nothing but its own
-// changes: those are refused when they are made.
+// Writes every changed file, in the order of their first change, and ends the step.
+// False when a write failed or was given up; that file is then read from disk again,
+// so later reads see what it really holds. A file that could not be read spoils
+// nothing but its own changes: those are refused when they are made.
+//
+// Other writers: a file read in an earlier step is compared with the disk (inode, size,
+// modification time) when a step first uses it, and read again when it changed. Before
+// a file is replaced it is compared again; when another writer changed it meanwhile,
+// the keys this step set are set again on what it holds now, or, when the step saved a
+// document's content of its own (a walk over its lines), the file is left as the other
+// writer made it, with one line.
 bool commitFiles();
 
 // Raw bytes of a file as a reader of that kind sees them (its size limit), changes

@@ -285,11 +285,15 @@ int examineTarget(const Location& at, Kept& kept, std::string_view bytes, bool& 
 // Replaces the file of `at` with `bytes`: temporary file in the same directory, same
 // owner, mode and extended attributes, data synced, renamed over the name, directory synced. The original
 // is never moved away first, so the name always holds a complete file.
-int replaceFile(const Location& at, const std::string& logical, std::string_view bytes, mode_t newFileMode) {
+int replaceFile(const Location& at, const std::string& logical, std::string_view bytes, mode_t newFileMode,
+                struct stat* written) {
     Kept kept;
     bool unchanged = false;
     if (int err = examineTarget(at, kept, bytes, unchanged)) return err;
-    if (unchanged) return 0;
+    if (unchanged) {
+        if (written) *written = kept.st;
+        return 0;
+    }
 
     // Only in the /config tree: the version record's directory is /tmp, which every user
     // shares, and nothing outside the writable areas is ever removed.
@@ -313,6 +317,8 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     // The data must be on the medium before the rename makes it the file; otherwise a
     // power cut after the rename could leave the name pointing at an empty file.
     if (!err && fsync(fd.get()) != 0) err = errno;
+    // Taken from the new file itself, so no other writer can come between it and the rename.
+    if (!err && written && fstat(fd.get(), written) != 0) err = errno;
     int closed = fd.closeNow();
     if (!err) err = closed;
     if (!err && renameat(at.dir.get(), temp.c_str(), at.dir.get(), at.name.c_str()) != 0) err = errno;
@@ -325,10 +331,10 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     return syncDirectory(at.dir.get());
 }
 
-int writeResolved(const std::string& logical, std::string_view bytes, mode_t newFileMode) {
+int writeResolved(const std::string& logical, std::string_view bytes, mode_t newFileMode, struct stat* written = nullptr) {
     Location at;
     if (int err = resolve(logical, Access::kWrite, at)) return err;
-    return replaceFile(at, logical, bytes, at.privateFile ? 0600 : newFileMode);
+    return replaceFile(at, logical, bytes, at.privateFile ? 0600 : newFileMode, written);
 }
 
 }  // namespace
@@ -371,10 +377,10 @@ bool mayWrite(const std::string& logical) {
     return err == 0;
 }
 
-bool writeFileAtomically(const std::string& logical, std::string_view bytes) {
+bool writeFileAtomically(const std::string& logical, std::string_view bytes, struct stat* written) {
     mode_t mask = umask(0);
     umask(mask);
-    int err = writeResolved(logical, bytes, 0666 & ~mask);
+    int err = writeResolved(logical, bytes, 0666 & ~mask, written);
     if (err) logFailure("write", logical, err);
     return err == 0;
 }

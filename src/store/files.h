@@ -6,6 +6,7 @@
 // with the logical path and the system error; callers only look at the result.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -39,8 +40,9 @@ bool mayWrite(const std::string& logical);
 
 // The one writer. Replaces the file with `bytes` so that a cut of power at any
 // moment leaves either the old or the new content, never a mix and never nothing.
-// Writes nothing when the file already holds exactly these bytes.
-bool writeFileAtomically(const std::string& logical, std::string_view bytes);
+// Writes nothing when the file already holds exactly these bytes. `written`, when
+// given, gets the status of the file the name then holds (to know it again later).
+bool writeFileAtomically(const std::string& logical, std::string_view bytes, struct stat* written = nullptr);
 
 // Copies src over dst through the atomic writer; false when the copy did not land,
 // also when both name one file.

@@ -388,11 +388,12 @@ bool ownedAndGuarded(const struct stat& st) {
     return S_ISREG(st.st_mode) && st.st_uid == geteuid() && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-std::optional<std::string> identity(std::string_view logical) {
+std::optional<std::string> identity(std::string_view logical, Lookup* seen) {
     Found found;
     if (locate(logical, Access::kRead, found) != 0) return std::nullopt;
     std::optional<FileId> id = idOf(found.dir->fd);
     if (!id) return std::nullopt;
+    if (seen) *seen = found.lookup;
     return std::to_string(id->dev) + ":" + std::to_string(id->ino) + "/" + found.name;
 }
 

@@ -95,8 +95,9 @@ int openDirectory(std::string_view logical, int& dir);
 bool ownedAndGuarded(const struct stat& st);
 
 // One key for every spelling of a file: its resolved directory and name. Nullopt when
-// the path cannot be resolved for reading.
-std::optional<std::string> identity(std::string_view logical);
+// the path cannot be resolved for reading. `found`, when given, gets what the name
+// holds now, as lookup() gives it: the look that resolving the name makes anyway.
+std::optional<std::string> identity(std::string_view logical, Lookup* found = nullptr);
 
 // The path under the root, for messages and tests; no check of any kind.
 std::optional<std::string> physicalPath(std::string_view logical);

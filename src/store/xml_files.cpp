@@ -1,6 +1,7 @@
 #include "store/xml_files.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 
 #include "store/config_store.h"
@@ -49,17 +50,54 @@ void* allocateXmlMemory(size_t size) {
     return memory;
 }
 
-// True when the text holds "&#0;" in any spelling ("&#x00;", "&#000;"). XML forbids it;
-// the parser would take it for the end of its text and drop what follows, so a rewrite
-// would lose bytes the file had.
+int digitValue(char c, unsigned base) {
+    if (c >= '0' && c <= '9') return c - '0';
+    char lower = static_cast<char>(c | ' ');
+    return base == 16 && lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+// True when the text holds a character reference that pugixml decodes to NUL: "&#" and
+// decimal digits, or "&#x" and hex digits, then ';', whose value is 0 in the 32 bits
+// pugixml reckons it in ("&#0;", "&#x00;", "&#4294967296;"). XML forbids it; pugixml
+// takes it for the end of its text and drops what follows, so a rewrite would lose
+// bytes the file had.
 bool holdsNulReference(std::string_view text) {
     for (size_t at = text.find("&#"); at != std::string_view::npos; at = text.find("&#", at + 2)) {
-        size_t digit = at + 2;
-        bool hex = digit < text.size() && (text[digit] == 'x' || text[digit] == 'X');
-        size_t end = text.find_first_not_of('0', digit + hex);
-        if (end > digit + hex && end < text.size() && text[end] == ';') return true;
+        size_t i = at + 2;
+        unsigned base = i < text.size() && text[i] == 'x' ? 16 : 10;
+        size_t first = i += base == 16;
+        uint32_t value = 0;
+        for (int digit; i < text.size() && (digit = digitValue(text[i], base)) >= 0; ++i)
+            value = value * base + static_cast<uint32_t>(digit);
+        if (i > first && i < text.size() && text[i] == ';' && value == 0) return true;
     }
     return false;
+}
+
+// Finds such a reference where pugixml decodes references: an element's text, an attribute.
+struct NulReferenceFinder : pugi::xml_tree_walker {
+    bool found = false;
+    bool for_each(pugi::xml_node& node) override {
+        found = node.type() == pugi::node_pcdata && holdsNulReference(node.value());
+        for (pugi::xml_attribute attribute : node.attributes())
+            found = found || holdsNulReference(attribute.value());
+        return !found;
+    }
+};
+
+// True when the file holds a reference that its parse would decode to NUL. A comment or
+// CDATA section may hold "&#0;" as text like any other. Only bytes that may hold one at
+// all (the reference spelled in them, or NUL bytes, which UTF-16 and UTF-32 text is full
+// of) are parsed once more, without decoding references, to see where it stands: that
+// parse gives UTF-8 whatever the file's encoding.
+bool decodesToNul(const std::string& bytes) {
+    if (!holdsNulReference(bytes) && bytes.find('\0') == std::string::npos) return false;
+    pugi::xml_document raw;
+    unsigned options = pugi::parse_default & ~pugi::parse_escapes;
+    if (!raw.load_buffer(bytes.data(), bytes.size(), options, pugi::encoding_auto)) return false;  // refused as malformed
+    NulReferenceFinder finder;
+    raw.traverse(finder);
+    return finder.found;
 }
 
 // Two pointers stored: cheaper to set again before each parse than to guard.
@@ -77,7 +115,7 @@ pugi::xml_parse_result load(const std::string& logical, pugi::xml_document& doc,
         return refused;
     };
     if (!readBytes(logical, bytes, fs::FileKind::kXml)) return refuse(0);
-    if (holdsNulReference(bytes)) return refuse(fs::kNulReference);
+    if (decodesToNul(bytes)) return refuse(fs::kNulReference);
     pugi::xml_parse_result result =
         inPlace ? doc.load_buffer_inplace(&bytes[0], bytes.size(), pugi::parse_default, pugi::encoding_auto)
                 : doc.load_buffer(bytes.data(), bytes.size(), pugi::parse_default, pugi::encoding_auto);

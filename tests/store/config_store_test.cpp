@@ -110,3 +110,55 @@ TEST_F(Store, ARefusedSetIsLoggedAndCreatesNothing) {
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[1], "Cannot set [" + missing + "] section [a]b] key [k]: it would not read back the same");
 }
+
+// Another writer changes the file after the store read it: between two steps (the next
+// step reads it again) or within the step that sets a key (the commit sets the step's
+// keys again on what the file holds now). Either way both changes end up in the file.
+TEST_F(Store, AnotherWritersChangeSurvivesTheNextSave) {
+    const std::string path = work.root() + kUser;
+    std::function<bool()> sets[] = {
+        [] { return etlSetProfileInt(kUser, "Net", "k", 7); },
+        [] { HREGISTRY h = registryOpen(kUser, "Net"); return registrySetInt(h, "k", 7) && registryFlush(h); },
+        [] { iniFile f; f.LoadFromFile(kUser); f.SetTextValue("Net", "k", "7"); return f.SaveToFile() != 0; },
+    };
+    std::function<void()> writers[] = {
+        [&] {  // replaces the file, as an atomic writer does
+            std::ofstream(path + ".new") << "[Net]\nk=0\n[Daemon]\nd=1\n";
+            tool::fs::rename(path + ".new", path);
+        },
+        [&] { std::ofstream(path, std::ios::app) << "[Daemon]\nd=1\n"; },  // in place
+    };
+    for (bool sameStep : {false, true})
+        for (auto& set : sets)
+            for (auto& otherWriter : writers) {
+                std::ofstream(path) << "[Net]\nk=0\n";
+                store::reset();
+                EXPECT_EQ(etlGetProfileInt(kUser, "Net", "k", -1), 0);
+                if (!sameStep) store::commit();
+                otherWriter();
+                EXPECT_EQ(etlGetProfileInt(kUser, "Daemon", "d", -1), sameStep ? -1 : 1) << "read once per step";
+                EXPECT_TRUE(set());
+                EXPECT_TRUE(store::commit());
+                EXPECT_EQ(tool::slurp(path), "[Net]\nk=7\n[Daemon]\nd=1\n") << "same step: " << sameStep;
+            }
+}
+
+// A document walked over its lines is saved as a whole: it cannot be set again on another
+// writer's file, so that file is left as the other writer made it, with one line.
+TEST_F(Store, AWholeDocumentIsNotSavedOverAnotherWritersChange) {
+    static std::vector<std::string> lines;
+    store::setReportSink([](const char* line) { lines.push_back(line); });
+    iniFile doc;
+    doc.LoadFromFile(kUser);
+    for (iniObject* node : doc.objects())
+        if (node->type() == iniObject::kSection)
+            for (iniObject* line : static_cast<iniSection*>(node)->objects())
+                if (line->type() == iniObject::kKey) static_cast<iniKey*>(line)->SetValue("7");
+    EXPECT_TRUE(doc.SaveToFile());
+    std::ofstream(work.root() + kUser, std::ios::app) << "d=1\n";
+    EXPECT_FALSE(store::commit());
+    store::setReportSink(nullptr);
+    EXPECT_EQ(tool::slurp(work.root() + kUser), "[Net]\nk=0\nd=1\n");
+    EXPECT_EQ(lines, std::vector<std::string>{"Cannot write [" + std::string(kUser) + "]: another writer changed it since it was read"});
+    EXPECT_EQ(etlGetProfileInt(kUser, "Net", "d", -1), 1) << "later steps read what is there";
+}

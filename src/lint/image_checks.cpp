@@ -54,7 +54,7 @@ void checkAgainstImage(const XmlInput& rules, const XmlInput* keysInput, const K
         if (!hasDestination(rule)) continue;
         Setting source{store::fs::canonicalPath(rule.srcFile), std::string(rule.srcSec), std::string(rule.srcKey)};
         if (hasSource(rule) && !written.count(source)) checkRuleSource(rules, rules.placeOf(item), rule, out);
-        written.insert({store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)});
+        if (!writesBackUnchanged(rule)) written.insert({store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)});
     }
     if (!keys || !keys->read) return;
     size_t i = 0;

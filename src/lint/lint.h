@@ -99,6 +99,9 @@ private:
 // when the destination is.
 bool hasSource(const TranslateRule& rule);
 bool hasDestination(const TranslateRule& rule);
+// An unprotected rule that reads and writes one key puts back what was there: for the
+// order of the rules it writes nothing.
+bool writesBackUnchanged(const TranslateRule& rule);
 
 // "FILE [SECTION] KEY", the way findings name a setting.
 std::string settingName(std::string_view file, std::string_view section, std::string_view key);

@@ -157,7 +157,7 @@ void readQuietComments(lint::XmlInput& input) {
         pugi::xml_node element = c.next_sibling(), after;
         while (element && element.type() != pugi::node_element) element = element.next_sibling();
         if (element) after = element.next_sibling();
-        size_t to = after && after.offset_debug() > 0 ? static_cast<size_t>(after.offset_debug()) : input.original.size();
+        size_t to = after ? input.placeOf(after) : input.original.size();
         quietFor(c, static_cast<size_t>(std::max<ptrdiff_t>(c.offset_debug(), 0)), to);
     }
 }

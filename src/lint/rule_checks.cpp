@@ -20,6 +20,11 @@ bool hasDestination(const TranslateRule& rule) {
     return !rule.dstFile.empty() && !rule.dstSec.empty() && !rule.dstKey.empty();
 }
 
+bool writesBackUnchanged(const TranslateRule& rule) {
+    return !rule.dstEncrypt && hasSource(rule) && store::fs::canonicalPath(rule.srcFile) == store::fs::canonicalPath(rule.dstFile) &&
+           rule.srcSec == rule.dstSec && rule.srcKey == rule.dstKey;
+}
+
 namespace {
 
 // One key of one file, whatever the spelling of the file's path.
@@ -40,6 +45,7 @@ std::string destinationName(const TranslateRule& rule) { return settingName(rule
 std::string whatItDoes(const TranslateRule& rule) {
     if (!hasDestination(rule)) return "it is inert (the tool skips it)";
     if (!hasSource(rule)) return "it writes the empty text to " + destinationName(rule);
+    if (writesBackUnchanged(rule)) return "it writes " + destinationName(rule) + " back unchanged";
     return "it copies " + settingName(rule.srcFile, rule.srcSec, rule.srcKey) + " to " + destinationName(rule) +
            (rule.dstEncrypt ? ", protected" : "");
 }
@@ -164,6 +170,7 @@ public:
                             " after an earlier rule writes it: it gets the new value, so the order of the rules matters",
                         earlier->second, "the earlier rule writing it", out);
         }
+        if (writesBackUnchanged(rule)) return;
         auto [earlier, isNew] = first_.emplace(destinationOf(rule), place);
         if (!isNew)
             related(rules, place, "duplicate-destination",

@@ -32,14 +32,16 @@ void checkRuleSource(const XmlInput& rules, size_t place, const TranslateRule& r
 
 // A listed key whose value cannot be protected is left plain by the protection switch.
 void checkListedValue(const XmlInput& input, size_t place, const CIniConfigInfo& entry, Findings& out) {
-    if (!entry.bEncrypt || entry.bAccount || !entry.strFile || !entry.strSection || !entry.strKey) return;
-    std::string value;
-    if (!store::readText(entry.strFile, entry.strSection, entry.strKey, value) || value.size() <= kPwDataLongestPlain)
-        return;
-    out.add(input, place, "value-too-long",
-            settingName(entry.strFile, entry.strSection, entry.strKey) + " holds " + std::to_string(value.size()) +
-                " bytes, more than the " + std::to_string(kPwDataLongestPlain) +
-                " that can be protected: the protection switch leaves it plain (unless it is already protected)");
+    if (!entry.bEncrypt || (!entry.bAccount && !entry.strFile) || !entry.strSection || !entry.strKey) return;
+    std::vector<std::string> files = entry.bAccount ? accountFilesReencoded() : std::vector<std::string>{entry.strFile};
+    for (const std::string& file : files) {
+        std::string value;
+        if (!store::readText(file, entry.strSection, entry.strKey, value) || value.size() <= kPwDataLongestPlain) continue;
+        out.add(input, place, "value-too-long",
+                settingName(file, entry.strSection, entry.strKey) + " holds " + std::to_string(value.size()) +
+                    " bytes, more than the " + std::to_string(kPwDataLongestPlain) +
+                    " that can be protected: the protection switch leaves it plain (unless it is already protected)");
+    }
 }
 
 }  // namespace

@@ -103,6 +103,10 @@ bool hasDestination(const TranslateRule& rule);
 // order of the rules it writes nothing.
 bool writesBackUnchanged(const TranslateRule& rule);
 
+// The files where the protection switch re-encodes an account entry's key: the account
+// files 0 to 3, as reencodeProtectedKeys walks them.
+std::vector<std::string> accountFilesReencoded();
+
 // "FILE [SECTION] KEY", the way findings name a setting.
 std::string settingName(std::string_view file, std::string_view section, std::string_view key);
 

@@ -217,6 +217,10 @@ int main(int argc, char** argv) {
         lint::checkRuleFile(rules, &keysInput, keyList, findings);
         if (!o.image.empty()) {
             useRoot(o.image);
+            if (!store::fs::pathExists("/config")) {
+                std::fprintf(stderr, "cfgupgrade-lint: %s: holds no config directory\n", o.image.c_str());
+                return 2;
+            }
             lint::checkAgainstImage(rules, &keysInput, keyList, findings);
         }
     }

@@ -1,7 +1,6 @@
 // Checks of the rule file, each reading the rules as parseTranslateRule builds them.
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <map>
 #include <tuple>
 
@@ -23,6 +22,13 @@ bool hasDestination(const TranslateRule& rule) {
 bool writesBackUnchanged(const TranslateRule& rule) {
     return !rule.dstEncrypt && hasSource(rule) && store::fs::canonicalPath(rule.srcFile) == store::fs::canonicalPath(rule.dstFile) &&
            rule.srcSec == rule.dstSec && rule.srcKey == rule.dstKey;
+}
+
+std::vector<std::string> accountFilesReencoded() {
+    std::vector<std::string> files;
+    for (int account = 0; account <= 3; ++account)
+        files.push_back("/config/user/voip/sipAccount" + std::to_string(account) + ".cfg");
+    return files;
 }
 
 namespace {
@@ -126,11 +132,7 @@ std::vector<size_t> listEntriesNaming(const TranslateRule& rule, const KeyList& 
         bool sameKey = entry->strSection && entry->strKey && rule.dstSec == entry->strSection && rule.dstKey == entry->strKey;
         bool sameFile = false;
         if (entry->bAccount) {
-            for (int account = 0; account <= 3 && !sameFile; ++account) {
-                char accountFile[64];
-                std::snprintf(accountFile, sizeof accountFile, "/config/user/voip/sipAccount%d.cfg", account);
-                sameFile = path == accountFile;
-            }
+            for (const std::string& accountFile : accountFilesReencoded()) sameFile = sameFile || path == accountFile;
         } else {
             sameFile = entry->strFile && path == store::fs::canonicalPath(entry->strFile);
         }

@@ -71,16 +71,22 @@ INSTANTIATE_TEST_SUITE_P(Cases, LintCase, ::testing::ValuesIn(caseNames()), [](c
     return name;
 });
 
-// The example image is clean, and no rule file or key list of the fuzz corpus makes the
-// linter fail otherwise than with its findings.
-TEST(Lint, ExampleIsCleanAndCorpusFilesAreJudged) {
+// The example image is clean, and no rule file or key list of the fuzz corpus or of the
+// tool's golden cases makes the linter end otherwise than with its findings.
+TEST(Lint, ExampleIsCleanAndOtherFilesAreJudged) {
     const std::string source = CFGUPGRADE_TESTS "/..";
     EXPECT_EQ(runLint(source, "--image examples/phone-root examples/phone-root"),
               "exit 0\n--- standard output\n--- standard error\n");
-    for (const char* corpus : {"rule_file", "protected_key_list"})
-        for (const auto& entry : fs::directory_iterator(source + "/fuzz/corpus/" + corpus)) {
-            std::string file = entry.path();
-            std::string result = runLint(source, "--rules '" + file + "' --keys '" + file + "'");
-            EXPECT_TRUE(result.rfind("exit 0\n", 0) == 0 || result.rfind("exit 1\n", 0) == 0) << file << "\n" << result;
+    std::vector<std::string> files;
+    for (const char* corpus : {"/fuzz/corpus/rule_file", "/fuzz/corpus/protected_key_list", "/tests/golden/cases"})
+        for (const auto& entry : fs::recursive_directory_iterator(source + corpus)) {
+            std::string name = entry.path().filename();
+            bool ruleFile = name == "configTranslate.xml" || name == "encryptConfig.xml" || corpus[1] == 'f';
+            if (ruleFile && fs::is_regular_file(entry.symlink_status())) files.push_back(entry.path());
         }
+    EXPECT_GT(files.size(), 10u);
+    for (const std::string& file : files) {
+        std::string result = runLint(source, "--rules '" + file + "' --keys '" + file + "'");
+        EXPECT_TRUE(result.rfind("exit 0\n", 0) == 0 || result.rfind("exit 1\n", 0) == 0) << file << "\n" << result;
+    }
 }

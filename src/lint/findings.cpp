@@ -2,7 +2,6 @@
 #include <cstring>
 
 #include "lint/lint.h"
-#include "store/paths.h"
 
 namespace lint {
 
@@ -48,7 +47,7 @@ void Findings::add(Finding finding) {
 
 size_t XmlInput::placeOf(const pugi::xml_node& node) const {
     ptrdiff_t at = node.offset_debug();
-    if (at < 0 || static_cast<size_t>(at) > original.size()) return 0;
+    if (converted || at < 0 || static_cast<size_t>(at) > original.size()) return 0;
     size_t place = static_cast<size_t>(at);
     // An element's place is its '<'; a text's is its first visible character.
     if (node.type() == pugi::node_element && place > 0 && original[place - 1] == '<') return place - 1;
@@ -57,8 +56,7 @@ size_t XmlInput::placeOf(const pugi::xml_node& node) const {
     return place;
 }
 
-// In-place parsing leaves names inside `bytes`; a file pugixml had to convert (UTF-16)
-// has them elsewhere, and the owner's place stands in.
+// In-place parsing leaves names inside `bytes`, unless pugixml had to convert the file.
 size_t XmlInput::placeOf(const pugi::xml_attribute& attribute, const pugi::xml_node& owner) const {
     const char* name = attribute.name();
     if (name >= bytes.data() && name < bytes.data() + bytes.size()) return static_cast<size_t>(name - bytes.data());
@@ -67,17 +65,6 @@ size_t XmlInput::placeOf(const pugi::xml_attribute& attribute, const pugi::xml_n
 
 std::string settingName(std::string_view file, std::string_view section, std::string_view key) {
     return std::string(file) + " [" + std::string(section) + "] " + std::string(key);
-}
-
-void checkLoad(XmlInput& input, pugi::xml_parse_result result, int refusal, Findings& out) {
-    if (refusal) {
-        out.add(input, 0, "does-not-load",
-                std::string("the tool refuses the whole file: ") + store::fs::describe(refusal));
-    } else if (!result) {
-        out.add(input, std::min(static_cast<size_t>(std::max<ptrdiff_t>(result.offset, 0)), input.bytes.size()),
-                "does-not-load", std::string(result.description()) + ": the tool reads nothing of this file");
-    }
-    input.loaded = !refusal && result;
 }
 
 }  // namespace lint

@@ -27,6 +27,9 @@ struct XmlInput {
     std::string bytes;     // the same, with the document parsed inside them
     pugi::xml_document doc;
     bool loaded = false;
+    // pugixml parses a UTF-16, UTF-32 or Latin-1 file in a converted copy, whose
+    // places are not the file's: its findings are all placed at 1:1.
+    bool converted = false;
     struct Quiet {
         size_t from, to;  // byte range: the comment up to the end of the element after it
         std::set<std::string> checks;
@@ -110,8 +113,17 @@ std::vector<std::string> accountFilesReencoded();
 // "FILE [SECTION] KEY", the way findings name a setting.
 std::string settingName(std::string_view file, std::string_view section, std::string_view key);
 
+// The store reads below CFGUPGRADE_ROOT, as on the phone: `useRoot` points it at a new
+// root. `absolute` makes a path named on the command line one the store finds from "/".
+void useRoot(const std::string& root);
+std::string absolute(const std::string& path);
+
+// Reads the input at `logical` under `root` and parses it as the phone tool does (a
+// file it does not read is a finding); false, with a line on standard error, when the
+// file cannot be read at all.
+bool readInput(const std::string& root, const std::string& logical, XmlInput& input, Findings& out);
+
 // The checks. `keys` is null when no protected-key list was given.
-void checkLoad(XmlInput& input, pugi::xml_parse_result result, int refusal, Findings& out);
 void checkRuleFile(const XmlInput& rules, const XmlInput* keysInput, const KeyList* keys, Findings& out);
 void checkKeyList(const XmlInput& keysInput, const KeyList& keys, Findings& out);
 // Reads the image through the store: CFGUPGRADE_ROOT must name it.

@@ -11,9 +11,7 @@
 #include <string>
 
 #include "lint/lint.h"
-#include "store/config_store.h"
 #include "store/files.h"
-#include "store/xml_files.h"
 
 namespace {
 
@@ -113,72 +111,6 @@ Options parseOptions(int argc, char** argv) {
     return o;
 }
 
-// A file named on the command line, as the store reaches it from "/".
-std::string absolute(const std::string& path) {
-    if (!path.empty() && path.front() == '/') return path;
-    char* cwd = getcwd(nullptr, 0);
-    std::string out = std::string(cwd ? cwd : ".") + "/" + path;
-    std::free(cwd);
-    return out;
-}
-
-// The store reads below the root of CFGUPGRADE_ROOT, as on the phone; a new root starts
-// the store afresh.
-void useRoot(const std::string& root) {
-    setenv("CFGUPGRADE_ROOT", root.c_str(), 1);
-    store::reset();
-}
-
-// Comments "cfgupgrade-lint: disable=CHECK[,CHECK]" switch checks off for the element
-// after them, or for the whole file before the root element. Read from a parse that
-// keeps comments; the tool's parse drops them, so they change nothing on the phone.
-void readQuietComments(lint::XmlInput& input) {
-    pugi::xml_document doc;
-    if (!doc.load_buffer(input.original.data(), input.original.size(), pugi::parse_default | pugi::parse_comments))
-        return;
-    const std::string marker = "cfgupgrade-lint: disable=";
-    auto quietFor = [&](const pugi::xml_node& comment, size_t from, size_t to) {
-        std::string text = comment.value();
-        size_t at = text.find(marker);
-        if (at == std::string::npos) return;
-        lint::XmlInput::Quiet q{from, to, {}};
-        size_t start = at + marker.size();
-        // The names run to the first character no name has: a reason may follow.
-        std::string list = text.substr(start, text.find_first_not_of("abcdefghijklmnopqrstuvwxyz-,", start) - start);
-        std::istringstream each(list);
-        for (std::string name; std::getline(each, name, ',');) q.checks.insert(name);
-        input.quiet.push_back(std::move(q));
-    };
-    pugi::xml_node root = doc.document_element();
-    for (pugi::xml_node c = doc.first_child(); c && c != root; c = c.next_sibling())
-        if (c.type() == pugi::node_comment) quietFor(c, 0, input.original.size());
-    for (pugi::xml_node c : root.children()) {
-        if (c.type() != pugi::node_comment) continue;
-        pugi::xml_node element = c.next_sibling(), after;
-        while (element && element.type() != pugi::node_element) element = element.next_sibling();
-        if (element) after = element.next_sibling();
-        size_t to = after ? input.placeOf(after) : input.original.size();
-        quietFor(c, static_cast<size_t>(std::max<ptrdiff_t>(c.offset_debug(), 0)), to);
-    }
-}
-
-// Reads and parses one input as the phone tool does; false (with a line on standard
-// error) when it cannot be read at all.
-bool readInput(const std::string& root, const std::string& logical, lint::XmlInput& input, lint::Findings& out) {
-    useRoot(root);
-    int err = store::fs::readFile(logical, input.original, store::fs::FileKind::kXml);
-    if (err) {
-        std::fprintf(stderr, "cfgupgrade-lint: %s: %s\n", input.path.c_str(), store::fs::describe(err));
-        return false;
-    }
-    readQuietComments(input);
-    input.bytes = input.original;
-    int refusal = 0;
-    pugi::xml_parse_result result = store::parseXmlBytes(input.bytes, input.doc, true, refusal);
-    lint::checkLoad(input, result, refusal, out);
-    return true;
-}
-
 int exitStatus(const std::vector<lint::Finding>& findings, bool werror) {
     for (const lint::Finding& f : findings)
         if (f.severity == lint::Severity::kError || (werror && f.severity == lint::Severity::kWarning)) return 1;
@@ -197,17 +129,17 @@ int main(int argc, char** argv) {
         root = "/";
         rules.path = o.rules;
         keysInput.path = o.keys;
-        rulesPath = absolute(o.rules);
-        keysPath = o.keys.empty() ? "" : absolute(o.keys);
+        rulesPath = lint::absolute(o.rules);
+        keysPath = o.keys.empty() ? "" : lint::absolute(o.keys);
     } else {
         std::string shown = root.back() == '/' ? root.substr(0, root.size() - 1) : root;
         rules.path = shown + kRuleFile;
         keysInput.path = shown + kListFile;
     }
     keysInput.order = 1;
-    if (!readInput(root, rulesPath, rules, findings)) return 2;
+    if (!lint::readInput(root, rulesPath, rules, findings)) return 2;
     bool haveKeys = !keysPath.empty();
-    if (haveKeys && !readInput(root, keysPath, keysInput, findings)) return 2;
+    if (haveKeys && !lint::readInput(root, keysPath, keysInput, findings)) return 2;
     if (haveKeys && keysInput.loaded) {
         keys.read = keys.mapper.ReadEncryptConfig(keysInput.doc, keys.entries, &keys.nodes) != 0;
         if (keys.read) lint::checkKeyList(keysInput, keys, findings);
@@ -216,7 +148,7 @@ int main(int argc, char** argv) {
     if (rules.loaded) {
         lint::checkRuleFile(rules, &keysInput, keyList, findings);
         if (!o.image.empty()) {
-            useRoot(o.image);
+            lint::useRoot(o.image);
             if (!store::fs::pathExists("/config")) {
                 std::fprintf(stderr, "cfgupgrade-lint: %s: holds no config directory\n", o.image.c_str());
                 return 2;

@@ -23,7 +23,8 @@ const CheckInfo kChecks[] = {
     {"key-list-value", Severity::kWarning, "an account or encrypt value other than \"1\" or \"0\""},
     {"key-list-attribute", Severity::kWarning, "an attribute the protected-key list does not know"},
     {"key-list-duplicate", Severity::kWarning, "a protected key listed twice"},
-    {"source-missing", Severity::kWarning, "with --image: a source with no value there; the rule writes the empty text"},
+    {"source-missing", Severity::kWarning,
+     "with --image: a source with no value there; the rule writes the empty text"},
     {"value-too-long", Severity::kWarning, "with --image: a value too long to be protected"},
 };
 const size_t kCheckCount = sizeof kChecks / sizeof kChecks[0];

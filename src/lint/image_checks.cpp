@@ -36,7 +36,8 @@ void checkListedValue(const XmlInput& input, size_t place, const CIniConfigInfo&
     std::vector<std::string> files = entry.bAccount ? accountFilesReencoded() : std::vector<std::string>{entry.strFile};
     for (const std::string& file : files) {
         std::string value;
-        if (!store::readText(file, entry.strSection, entry.strKey, value) || value.size() <= kPwDataLongestPlain) continue;
+        if (!store::readText(file, entry.strSection, entry.strKey, value) || value.size() <= kPwDataLongestPlain)
+            continue;
         out.add(input, place, "value-too-long",
                 settingName(file, entry.strSection, entry.strKey) + " holds " + std::to_string(value.size()) +
                     " bytes, more than the " + std::to_string(kPwDataLongestPlain) +
@@ -56,11 +57,14 @@ void checkAgainstImage(const XmlInput& rules, const XmlInput* keysInput, const K
         if (!hasDestination(rule)) continue;
         Setting source{store::fs::canonicalPath(rule.srcFile), std::string(rule.srcSec), std::string(rule.srcKey)};
         if (hasSource(rule) && !written.count(source)) checkRuleSource(rules, rules.placeOf(item), rule, out);
-        if (!writesBackUnchanged(rule)) written.insert({store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)});
+        if (!writesBackUnchanged(rule))
+            written.insert(
+                {store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)});
     }
     if (!keys || !keys->read) return;
     size_t i = 0;
-    for (const CIniConfigInfo* entry : keys->entries) checkListedValue(*keysInput, keysInput->placeOf(keys->nodes[i++]), *entry, out);
+    for (const CIniConfigInfo* entry : keys->entries)
+        checkListedValue(*keysInput, keysInput->placeOf(keys->nodes[i++]), *entry, out);
 }
 
 }  // namespace lint

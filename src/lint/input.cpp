@@ -56,8 +56,8 @@ void checkLoad(XmlInput& input, pugi::xml_parse_result result, int refusal, Find
                 std::string("the tool refuses the whole file: ") + store::fs::describe(refusal));
     } else if (!result) {
         size_t place = input.converted ? 0 : static_cast<size_t>(std::max<ptrdiff_t>(result.offset, 0));
-        out.add(input, std::min(place, input.original.size()),
-                "does-not-load", std::string(result.description()) + ": the tool reads nothing of this file");
+        out.add(input, std::min(place, input.original.size()), "does-not-load",
+                std::string(result.description()) + ": the tool reads nothing of this file");
     }
     input.loaded = !refusal && result;
 }

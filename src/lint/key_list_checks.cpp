@@ -20,7 +20,8 @@ void checkParts(const XmlInput& input, size_t place, const CIniConfigInfo& entry
     if (!entry.strSection) missing += missing.empty() ? "section" : ", section";
     if (!entry.strKey) missing += missing.empty() ? "key" : ", key";
     if (!missing.empty())
-        out.add(input, place, "key-list-missing-part", "entry without " + missing + ": the protection switch passes over it");
+        out.add(input, place, "key-list-missing-part",
+                "entry without " + missing + ": the protection switch passes over it");
 }
 
 // The two flags read one exact text each; any other text is the other meaning.
@@ -34,8 +35,9 @@ void checkValues(const XmlInput& input, const pugi::xml_node& node, Findings& ou
         pugi::xml_attribute a = node.attribute(flag.name);
         std::string_view value = a.value();
         if (a && value != "1" && value != "0")
-            out.add(input, input.placeOf(a, node), "key-list-value",
-                    std::string(flag.name) + "=\"" + std::string(value) + "\" is neither \"1\" nor \"0\": " + flag.meaning);
+            out.add(
+                input, input.placeOf(a, node), "key-list-value",
+                std::string(flag.name) + "=\"" + std::string(value) + "\" is neither \"1\" nor \"0\": " + flag.meaning);
     }
 }
 

@@ -2,10 +2,9 @@
 // them, and the findings about them.
 #pragma once
 
-#include <pugixml.hpp>
-
 #include <cstddef>
 #include <list>
+#include <pugixml.hpp>
 #include <set>
 #include <string>
 #include <string_view>

@@ -66,13 +66,17 @@ void addDisabled(const char* list, Options& o) {
 
 Options parseOptions(int argc, char** argv) {
     enum { kRules = 256, kKeys, kImage, kFormat, kWerror, kColor, kListChecks };
-    const option longOptions[] = {
-        {"rules", required_argument, nullptr, kRules},   {"keys", required_argument, nullptr, kKeys},
-        {"image", required_argument, nullptr, kImage},   {"format", required_argument, nullptr, kFormat},
-        {"disable", required_argument, nullptr, 'd'},    {"werror", no_argument, nullptr, kWerror},
-        {"color", required_argument, nullptr, kColor},   {"list-checks", no_argument, nullptr, kListChecks},
-        {"help", no_argument, nullptr, 'h'},             {"version", no_argument, nullptr, 'V'},
-        {nullptr, 0, nullptr, 0}};
+    const option longOptions[] = {{"rules", required_argument, nullptr, kRules},
+                                  {"keys", required_argument, nullptr, kKeys},
+                                  {"image", required_argument, nullptr, kImage},
+                                  {"format", required_argument, nullptr, kFormat},
+                                  {"disable", required_argument, nullptr, 'd'},
+                                  {"werror", no_argument, nullptr, kWerror},
+                                  {"color", required_argument, nullptr, kColor},
+                                  {"list-checks", no_argument, nullptr, kListChecks},
+                                  {"help", no_argument, nullptr, 'h'},
+                                  {"version", no_argument, nullptr, 'V'},
+                                  {nullptr, 0, nullptr, 0}};
     Options o;
     std::string colour = "auto";
     opterr = 0;  // our own one line, then the usage

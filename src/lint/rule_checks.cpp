@@ -20,7 +20,8 @@ bool hasDestination(const TranslateRule& rule) {
 }
 
 bool writesBackUnchanged(const TranslateRule& rule) {
-    return !rule.dstEncrypt && hasSource(rule) && store::fs::canonicalPath(rule.srcFile) == store::fs::canonicalPath(rule.dstFile) &&
+    return !rule.dstEncrypt && hasSource(rule) &&
+           store::fs::canonicalPath(rule.srcFile) == store::fs::canonicalPath(rule.dstFile) &&
            rule.srcSec == rule.dstSec && rule.srcKey == rule.dstKey;
 }
 
@@ -56,14 +57,16 @@ std::string whatItDoes(const TranslateRule& rule) {
            (rule.dstEncrypt ? ", protected" : "");
 }
 
-// The parts a destination lacks after defaulting, e.g. "dstKey (and srcKey)".
+// The parts a destination lacks after defaulting: "dstKey", "dstFile or dstKey".
 std::string missingDestinationParts(const TranslateRule& rule) {
-    const std::pair<std::string_view, const char*> parts[] = {
-        {rule.dstFile, "dstFile"}, {rule.dstSec, "dstSec"}, {rule.dstKey, "dstKey"}};
-    std::string missing;
-    for (const auto& [text, name] : parts)
-        if (text.empty()) missing += (missing.empty() ? "" : ", ") + std::string(name);
-    return missing;
+    std::vector<const char*> missing;
+    if (rule.dstFile.empty()) missing.push_back("dstFile");
+    if (rule.dstSec.empty()) missing.push_back("dstSec");
+    if (rule.dstKey.empty()) missing.push_back("dstKey");
+    std::string text;
+    for (size_t i = 0; i < missing.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == missing.size() ? " or " : ", ") + std::string(missing[i]);
+    return text;
 }
 
 // A dstEncrypt value its author meant as a yes: a word for yes in any case, or a
@@ -104,7 +107,7 @@ void checkAttributes(const XmlInput& rules, const pugi::xml_node& item, const Tr
 void checkShape(const XmlInput& rules, size_t place, const TranslateRule& rule, Findings& out) {
     if (!hasDestination(rule)) {
         out.add(rules, place, "inert-rule",
-                "no " + missingDestinationParts(rule) + " even from the source: the tool skips this rule");
+                "no " + missingDestinationParts(rule) + ", given or taken from the source: the tool skips this rule");
         return;
     }
     if (!hasSource(rule))
@@ -129,7 +132,8 @@ std::vector<size_t> listEntriesNaming(const TranslateRule& rule, const KeyList& 
     std::string path = store::fs::canonicalPath(rule.dstFile);
     size_t i = 0;
     for (const CIniConfigInfo* entry : keys.entries) {
-        bool sameKey = entry->strSection && entry->strKey && rule.dstSec == entry->strSection && rule.dstKey == entry->strKey;
+        bool sameKey =
+            entry->strSection && entry->strKey && rule.dstSec == entry->strSection && rule.dstKey == entry->strKey;
         bool sameFile = false;
         if (entry->bAccount) {
             for (const std::string& accountFile : accountFilesReencoded()) sameFile = sameFile || path == accountFile;
@@ -167,10 +171,11 @@ public:
         if (hasSource(rule)) {
             auto earlier = first_.find(sourceOf(rule));
             if (earlier != first_.end())
-                related(rules, place, "reads-earlier-write",
-                        "reads " + settingName(rule.srcFile, rule.srcSec, rule.srcKey) +
-                            " after an earlier rule writes it: it gets the new value, so the order of the rules matters",
-                        earlier->second, "the earlier rule writing it", out);
+                related(
+                    rules, place, "reads-earlier-write",
+                    "reads " + settingName(rule.srcFile, rule.srcSec, rule.srcKey) +
+                        " after an earlier rule writes it: it gets the new value, so the order of the rules matters",
+                    earlier->second, "the earlier rule writing it", out);
         }
         if (writesBackUnchanged(rule)) return;
         auto [earlier, isNew] = first_.emplace(destinationOf(rule), place);
@@ -201,14 +206,16 @@ void checkNested(const XmlInput& rules, const pugi::xml_node& item, Findings& ou
 void checkRuleFile(const XmlInput& rules, const XmlInput* keysInput, const KeyList* keys, Findings& out) {
     pugi::xml_node root = rules.doc.first_child();
     if (!root || !root.first_child()) {
-        out.add(rules, root ? rules.placeOf(root) : 0, "no-rules", "the rule file holds no rule: the translation does nothing");
+        out.add(rules, root ? rules.placeOf(root) : 0, "no-rules",
+                "the rule file holds no rule: the translation does nothing");
         return;
     }
     Writes writes;
     for (pugi::xml_node item : root.children()) {
         size_t place = rules.placeOf(item);
         if (item.type() != pugi::node_element) {
-            out.add(rules, place, "not-a-rule", "text among the rules: the tool takes it for a rule without attributes and skips it");
+            out.add(rules, place, "not-a-rule",
+                    "text among the rules: the tool takes it for a rule without attributes and skips it");
             continue;
         }
         TranslateRule rule = parseTranslateRule(item);

@@ -4,7 +4,6 @@
 // and "expected": the exit status and what the linter printed. CFGUPGRADE_GOLDEN=update
 // rewrites the expectations: read that diff before committing it.
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -43,7 +42,8 @@ std::string argsOf(const std::string& dir) {
         std::string args = tool::slurp(dir + "/args");
         return args.substr(0, args.find('\n'));
     }
-    return "--rules configTranslate.xml" + std::string(fs::exists(dir + "/encryptConfig.xml") ? " --keys encryptConfig.xml" : "");
+    return "--rules configTranslate.xml" +
+           std::string(fs::exists(dir + "/encryptConfig.xml") ? " --keys encryptConfig.xml" : "");
 }
 
 std::vector<std::string> caseNames() {
@@ -67,7 +67,8 @@ TEST_P(LintCase, PrintsItsExpectedFindings) {
 
 INSTANTIATE_TEST_SUITE_P(Cases, LintCase, ::testing::ValuesIn(caseNames()), [](const auto& info) {
     std::string name = info.param;
-    std::replace_if(name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
+    std::replace_if(
+        name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
     return name;
 });
 

@@ -1,18 +1,14 @@
 // Checks against a sample configuration: what the rules would read from it.
 #include <set>
-#include <tuple>
 
 #include "lint/lint.h"
 #include "platform/pw_data.h"
 #include "store/config_store.h"
-#include "store/paths.h"
 #include "translate/translate_rule.h"
 
 namespace lint {
 
 namespace {
-
-using Setting = std::tuple<std::string, std::string, std::string>;
 
 void checkRuleSource(const XmlInput& rules, size_t place, const TranslateRule& rule, Findings& out) {
     std::string value;
@@ -55,11 +51,8 @@ void checkAgainstImage(const XmlInput& rules, const XmlInput* keysInput, const K
         if (item.type() != pugi::node_element) continue;
         TranslateRule rule = parseTranslateRule(item);
         if (!hasDestination(rule)) continue;
-        Setting source{store::fs::canonicalPath(rule.srcFile), std::string(rule.srcSec), std::string(rule.srcKey)};
-        if (hasSource(rule) && !written.count(source)) checkRuleSource(rules, rules.placeOf(item), rule, out);
-        if (!writesBackUnchanged(rule))
-            written.insert(
-                {store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)});
+        if (hasSource(rule) && !written.count(sourceOf(rule))) checkRuleSource(rules, rules.placeOf(item), rule, out);
+        if (!writesBackUnchanged(rule)) written.insert(destinationOf(rule));
     }
     if (!keys || !keys->read) return;
     size_t i = 0;

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "platform/config_mapper.h"
@@ -101,6 +102,11 @@ private:
 // when the destination is.
 bool hasSource(const TranslateRule& rule);
 bool hasDestination(const TranslateRule& rule);
+// One key of one file, whatever the spelling of the file's path.
+using Setting = std::tuple<std::string, std::string, std::string>;
+Setting sourceOf(const TranslateRule& rule);
+Setting destinationOf(const TranslateRule& rule);
+
 // An unprotected rule that reads and writes one key puts back what was there: for the
 // order of the rules it writes nothing.
 bool writesBackUnchanged(const TranslateRule& rule);

@@ -20,9 +20,15 @@ bool hasDestination(const TranslateRule& rule) {
 }
 
 bool writesBackUnchanged(const TranslateRule& rule) {
-    return !rule.dstEncrypt && hasSource(rule) &&
-           store::fs::canonicalPath(rule.srcFile) == store::fs::canonicalPath(rule.dstFile) &&
-           rule.srcSec == rule.dstSec && rule.srcKey == rule.dstKey;
+    return !rule.dstEncrypt && hasSource(rule) && sourceOf(rule) == destinationOf(rule);
+}
+
+Setting sourceOf(const TranslateRule& rule) {
+    return {store::fs::canonicalPath(rule.srcFile), std::string(rule.srcSec), std::string(rule.srcKey)};
+}
+
+Setting destinationOf(const TranslateRule& rule) {
+    return {store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)};
 }
 
 std::vector<std::string> accountFilesReencoded() {
@@ -33,17 +39,6 @@ std::vector<std::string> accountFilesReencoded() {
 }
 
 namespace {
-
-// One key of one file, whatever the spelling of the file's path.
-using Setting = std::tuple<std::string, std::string, std::string>;
-
-Setting sourceOf(const TranslateRule& rule) {
-    return {store::fs::canonicalPath(rule.srcFile), std::string(rule.srcSec), std::string(rule.srcKey)};
-}
-
-Setting destinationOf(const TranslateRule& rule) {
-    return {store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)};
-}
 
 std::string destinationName(const TranslateRule& rule) { return settingName(rule.dstFile, rule.dstSec, rule.dstKey); }
 

@@ -45,12 +45,18 @@ CConfigMapper::~CConfigMapper() = default;
 int CConfigMapper::GetAllEncryptConfig(std::list<CIniConfigInfo*>& entries) {
     pugi::xml_document doc;
     if (!store::loadXmlFile(kListFile, doc)) return 0;
+    return ReadEncryptConfig(doc, entries);
+}
+
+int CConfigMapper::ReadEncryptConfig(const pugi::xml_document& doc, std::list<CIniConfigInfo*>& entries,
+                                     std::vector<pugi::xml_node>* nodes) {
     pugi::xml_node root = doc.document_element();
     if (!root) return 0;
     for (pugi::xml_node node = root.first_child(); node; node = node.next_sibling()) {
         if (node.type() != pugi::node_element) continue;
         entries_.push_back(std::make_unique<Entry>(node, static_cast<int>(entries_.size())));
         entries.push_back(&entries_.back()->info);
+        if (nodes) nodes->push_back(node);
     }
     return 1;
 }

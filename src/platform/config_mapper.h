@@ -6,6 +6,8 @@
 // marks a key of the SIP account files; encrypt="0" marks an entry to be skipped.
 #pragma once
 
+#include <pugixml.hpp>
+
 #include <list>
 #include <memory>
 #include <vector>
@@ -31,6 +33,11 @@ public:
     // Appends the protected entries to `entries`; they stay valid while the mapper
     // lives. 0 when the list file is missing or not well-formed.
     int GetAllEncryptConfig(std::list<CIniConfigInfo*>& entries);
+
+    // The same from a list document the caller has loaded: 0 when it has no root
+    // element. `nodes`, when given, gets the element each entry was read from.
+    int ReadEncryptConfig(const pugi::xml_document& doc, std::list<CIniConfigInfo*>& entries,
+                          std::vector<pugi::xml_node>* nodes = nullptr);
 
 private:
     struct Entry;

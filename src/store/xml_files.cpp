@@ -100,6 +100,25 @@ bool decodesToNul(const std::string& bytes) {
     return finder.found;
 }
 
+}  // namespace
+
+pugi::xml_parse_result parseXmlBytes(std::string& bytes, pugi::xml_document& doc, bool inPlace, int& refusal) {
+    refusal = 0;
+    if (decodesToNul(bytes)) {
+        refusal = fs::kNulReference;
+        return {};
+    }
+    pugi::xml_parse_result result =
+        inPlace ? doc.load_buffer_inplace(&bytes[0], bytes.size(), pugi::parse_default, pugi::encoding_auto)
+                : doc.load_buffer(bytes.data(), bytes.size(), pugi::parse_default, pugi::encoding_auto);
+    // No layout or rule file is nested anywhere near this deep; past it, saving with one
+    // tab per level would grow with the square of the depth.
+    if (result && depthOf(doc) > kMaxXmlDepth) refusal = fs::kTooDeep;
+    return result;
+}
+
+namespace {
+
 // Two pointers stored: cheaper to set again before each parse than to guard.
 void useXmlMemory() { pugi::set_memory_management_functions(allocateXmlMemory, std::free); }
 
@@ -115,14 +134,9 @@ pugi::xml_parse_result load(const std::string& logical, pugi::xml_document& doc,
         return refused;
     };
     if (!readBytes(logical, bytes, fs::FileKind::kXml)) return refuse(0);
-    if (decodesToNul(bytes)) return refuse(fs::kNulReference);
-    pugi::xml_parse_result result =
-        inPlace ? doc.load_buffer_inplace(&bytes[0], bytes.size(), pugi::parse_default, pugi::encoding_auto)
-                : doc.load_buffer(bytes.data(), bytes.size(), pugi::parse_default, pugi::encoding_auto);
-    // No layout or rule file is nested anywhere near this deep; past it, saving with one
-    // tab per level would grow with the square of the depth.
-    if (result && depthOf(doc) > kMaxXmlDepth) return refuse(fs::kTooDeep);
-    return result;
+    int refusal = 0;
+    pugi::xml_parse_result result = parseXmlBytes(bytes, doc, inPlace, refusal);
+    return refusal ? refuse(refusal) : result;
 }
 
 }  // namespace

@@ -17,6 +17,11 @@ pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_documen
 // large file (the rule file) is then held once, not twice.
 pugi::xml_parse_result loadXmlFileInPlace(const std::string& logical, pugi::xml_document& doc, std::string& bytes);
 
+// What the loads above do once they have read the file: parses `bytes` (inside them when
+// `inPlace`) and sets `refusal` to why a text pugixml may take is refused all the same
+// (fs::kNulReference, fs::kTooDeep), else 0. A refused text loads as a missing file.
+pugi::xml_parse_result parseXmlBytes(std::string& bytes, pugi::xml_document& doc, bool inPlace, int& refusal);
+
 // Writes the bytes save_file(path, "\t", format_indent, encoding_auto) would write,
 // through the atomic writer; an unchanged file is not rewritten.
 bool saveXmlFile(const std::string& logical, const pugi::xml_document& doc);

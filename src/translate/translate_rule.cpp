@@ -4,20 +4,15 @@
 
 namespace {
 
-// The attributes a rule reads, in the order of TranslateRule's views below.
+// The attributes a rule reads, in the order of kRuleAttributeNames.
 enum Field { kSrcFile, kSrcSec, kSrcKey, kDstFile, kDstSec, kDstKey, kDstEncrypt, kFieldCount };
+static_assert(kFieldCount == kRuleAttributeCount);
 
-// The field an attribute name stands for, or kFieldCount: names are told apart by their
-// first letters, so a rule costs a comparison per attribute, not one per name sought.
+// The field an attribute name stands for (case counts), or kFieldCount.
 Field fieldNamed(const char* name) {
-    if (name[0] != 's' && name[0] != 'd') return kFieldCount;
-    bool source = name[0] == 's';
-    const char* rest = name + 1;
-    if (std::strcmp(rest, source ? "rcFile" : "stFile") == 0) return source ? kSrcFile : kDstFile;
-    if (std::strcmp(rest, source ? "rcSec" : "stSec") == 0) return source ? kSrcSec : kDstSec;
-    if (std::strcmp(rest, source ? "rcKey" : "stKey") == 0) return source ? kSrcKey : kDstKey;
-    if (!source && std::strcmp(rest, "stEncrypt") == 0) return kDstEncrypt;
-    return kFieldCount;
+    int f = 0;
+    while (f < kFieldCount && std::strcmp(name, kRuleAttributeNames[f]) != 0) ++f;
+    return static_cast<Field>(f);
 }
 
 // A destination part that the rule leaves empty is the source's.
@@ -26,6 +21,9 @@ std::string_view orSource(std::string_view destination, std::string_view source)
 }
 
 }  // namespace
+
+const char* const kRuleAttributeNames[kRuleAttributeCount] = {"srcFile", "srcSec", "srcKey", "dstFile",
+                                                              "dstSec",  "dstKey", "dstEncrypt"};
 
 // One walk over the element's attributes. Absent and empty attributes read alike, as
 // the empty text; of a name given twice the first counts, as a lookup by name finds it.

@@ -19,3 +19,7 @@ struct TranslateRule {
 // Builds the rule of one child node of the rule file's root element. Never fails:
 // a node without the attributes (a text node too) gives an all-empty rule.
 TranslateRule parseTranslateRule(const pugi::xml_node& item);
+
+// The attribute names a rule reads, matched exactly, case included.
+constexpr int kRuleAttributeCount = 7;
+extern const char* const kRuleAttributeNames[kRuleAttributeCount];

@@ -12,12 +12,14 @@ LIB_DEV  := libgtest-dev libpugixml-dev $(CRYPTO_DEV)
 OTHER_CRYPTO_DEV := libssl-dev
 PACKAGES := cmake g++ make pkg-config $(LIB_DEV) $(OTHER_CRYPTO_DEV) diffutils strace attr acl
 FUZZ_PACKAGES := clang libclang-rt-dev
-LINT_PACKAGES := mandoc
+LINT_PACKAGES := mandoc systemd
+# `make deb`: the packaging tools; the Build-Depends of debian/control are in PACKAGES.
+DEB_PACKAGES := build-essential debhelper dpkg-dev lintian
 JOBS     ?= $(shell nproc)
 ARCH     ?= armhf
 FUZZ_SECONDS ?= 45
 
-.PHONY: all deps fuzz-deps build demo test cross-test check-install bench bench-smoke fuzz clean
+.PHONY: all deps fuzz-deps build demo test cross-test check-install deb bench bench-smoke fuzz clean
 
 all: build
 
@@ -74,15 +76,34 @@ cross-test: deps
 	cd build-$(ARCH) && ctest --output-on-failure -j $(JOBS); \
 	awk '/: Skipped$$/ { getline; print "skipped:", $$0 }' Testing/Temporary/LastTest.log | sort | uniq -c
 
-# The man page lints clean, and an install staged in a DESTDIR puts the tool in sbin
-# and its page in section 8.
+# The man page lints clean, an install staged in a DESTDIR puts the tool in sbin, its
+# page in section 8 and the unit where systemd finds it, the unit verifies (any output
+# of systemd-analyze is a finding), and the demo runs under the unit's sandbox.
 check-install: build
 	$(call install_missing,$(LINT_PACKAGES))
 	mandoc -T lint -W style man/cfgupgrade.8
 	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \
 	DESTDIR=$$stage cmake --install build --prefix /usr >/dev/null && \
 	test -x $$stage/usr/sbin/cfgupgrade && test -s $$stage/usr/share/man/man8/cfgupgrade.8 && \
-	echo "check-install: $$(cd $$stage && find . -type f | sort | tr '\n' ' ')"
+	test -s "$$stage/usr/lib/systemd/system/cfgupgrade@.service" && \
+	echo "check-install: $$(cd $$stage && find . -type f | sort | tr '\n' ' ')" && \
+	out=$$(systemd-analyze verify --man=no --root=$$stage cfgupgrade@all.service 2>&1) && \
+	if [ -n "$$out" ]; then echo "$$out"; exit 1; fi && echo "check-install: the unit verifies"
+	bash scripts/unit_demo.sh build/cfgupgrade
+
+# The Debian packages, built from a copy of the tree in build-deb/ (dpkg-buildpackage
+# writes beside the source, which must not be the clone), then checked by lintian.
+# nocheck: `make test` runs the same suite. Until the host tools are in the tree their
+# package is left out.
+deb: deps
+	$(call install_missing,$(DEB_PACKAGES))
+	rm -rf build-deb && mkdir -p build-deb/src
+	tar -c --exclude-vcs --exclude='./build*' --exclude=./.cache . | tar -x -C build-deb/src
+	cd build-deb/src && DEB_BUILD_OPTIONS=nocheck \
+	  DEB_BUILD_PROFILES="nocheck $(if $(wildcard man/cfgupgrade-*.1),,pkg.cfgupgrade.notools)" \
+	  dpkg-buildpackage -us -uc -b
+	lintian --fail-on error,warning build-deb/*.changes
+	@ls build-deb/*.deb
 
 # Every libFuzzer target (clang, ASan, UBSan) for FUZZ_SECONDS each, two at a time.
 fuzz: fuzz-deps
@@ -99,4 +120,4 @@ bench-smoke: deps
 	bash bench/run.sh --quick >/dev/null
 
 clean:
-	rm -rf build build-sanitize build-bench build-fuzz build-armhf build-arm64
+	rm -rf build build-sanitize build-bench build-fuzz build-armhf build-arm64 build-deb

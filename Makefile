@@ -12,14 +12,14 @@ LIB_DEV  := libgtest-dev libpugixml-dev $(CRYPTO_DEV)
 OTHER_CRYPTO_DEV := libssl-dev
 PACKAGES := cmake g++ make pkg-config $(LIB_DEV) $(OTHER_CRYPTO_DEV) diffutils strace attr acl
 FUZZ_PACKAGES := clang libclang-rt-dev
-LINT_PACKAGES := mandoc systemd
+LINT_PACKAGES := mandoc
 # `make deb`: the packaging tools; the Build-Depends of debian/control are in PACKAGES.
 DEB_PACKAGES := build-essential debhelper dpkg-dev lintian
 JOBS     ?= $(shell nproc)
 ARCH     ?= armhf
 FUZZ_SECONDS ?= 45
 
-.PHONY: all deps fuzz-deps build demo test cross-test check-install deb bench bench-smoke fuzz clean
+.PHONY: all deps fuzz-deps build demo test cross-test check-install check-unit deb bench bench-smoke fuzz clean
 
 all: build
 
@@ -76,34 +76,15 @@ cross-test: deps
 	cd build-$(ARCH) && ctest --output-on-failure -j $(JOBS); \
 	awk '/: Skipped$$/ { getline; print "skipped:", $$0 }' Testing/Temporary/LastTest.log | sort | uniq -c
 
-# The man page lints clean, an install staged in a DESTDIR puts the tool in sbin, its
-# page in section 8 and the unit where systemd finds it, the unit verifies (any output
-# of systemd-analyze is a finding), and the demo runs under the unit's sandbox.
+# The man page lints clean, and an install staged in a DESTDIR puts the tool in sbin
+# and its page in section 8.
 check-install: build
 	$(call install_missing,$(LINT_PACKAGES))
 	mandoc -T lint -W style man/cfgupgrade.8
 	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \
 	DESTDIR=$$stage cmake --install build --prefix /usr >/dev/null && \
 	test -x $$stage/usr/sbin/cfgupgrade && test -s $$stage/usr/share/man/man8/cfgupgrade.8 && \
-	test -s "$$stage/usr/lib/systemd/system/cfgupgrade@.service" && \
-	echo "check-install: $$(cd $$stage && find . -type f | sort | tr '\n' ' ')" && \
-	out=$$(systemd-analyze verify --man=no --root=$$stage cfgupgrade@all.service 2>&1) && \
-	if [ -n "$$out" ]; then echo "$$out"; exit 1; fi && echo "check-install: the unit verifies"
-	bash scripts/unit_demo.sh build/cfgupgrade
-
-# The Debian packages, built from a copy of the tree in build-deb/ (dpkg-buildpackage
-# writes beside the source, which must not be the clone), then checked by lintian.
-# nocheck: `make test` runs the same suite. Until the host tools are in the tree their
-# package is left out.
-deb: deps
-	$(call install_missing,$(DEB_PACKAGES))
-	rm -rf build-deb && mkdir -p build-deb/src
-	tar -c --exclude-vcs --exclude='./build*' --exclude=./.cache . | tar -x -C build-deb/src
-	cd build-deb/src && DEB_BUILD_OPTIONS=nocheck \
-	  DEB_BUILD_PROFILES="nocheck $(if $(wildcard man/cfgupgrade-*.1),,pkg.cfgupgrade.notools)" \
-	  dpkg-buildpackage -us -uc -b
-	lintian --fail-on error,warning build-deb/*.changes
-	@ls build-deb/*.deb
+	echo "check-install: $$(cd $$stage && find . -type f | sort | tr '\n' ' ')"
 
 # Every libFuzzer target (clang, ASan, UBSan) for FUZZ_SECONDS each, two at a time.
 fuzz: fuzz-deps
@@ -118,6 +99,31 @@ bench: deps
 # The benchmark end to end in seconds, for CI: no figures worth keeping.
 bench-smoke: deps
 	bash bench/run.sh --quick >/dev/null
+
+# The boot unit: a staged install puts it where systemd finds it, naming the tool; it
+# verifies (any output of systemd-analyze is a finding); the demo runs in its sandbox.
+check-unit: build
+	$(call install_missing,systemd)
+	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \
+	DESTDIR=$$stage cmake --install build --prefix /usr >/dev/null && \
+	grep -qx 'ExecStart=/usr/sbin/cfgupgrade %i' "$$stage/usr/lib/systemd/system/cfgupgrade@.service" && \
+	out=$$(systemd-analyze verify --man=no --root=$$stage cfgupgrade@all.service 2>&1) && \
+	if [ -n "$$out" ]; then echo "$$out"; exit 1; fi && echo "check-unit: the unit verifies"
+	bash scripts/unit_demo.sh build/cfgupgrade
+
+# The Debian packages, built from a copy of the tree in build-deb/ (dpkg-buildpackage
+# writes beside the source, which must not be the clone), then checked by lintian.
+# nocheck: `make test` runs the same suite. A tree without the host tools' pages
+# leaves their package out.
+deb: deps
+	$(call install_missing,$(DEB_PACKAGES))
+	rm -rf build-deb && mkdir -p build-deb/src
+	tar -c --exclude-vcs --exclude='./build*' --exclude=./.cache . | tar -x -C build-deb/src
+	cd build-deb/src && DEB_BUILD_OPTIONS=nocheck \
+	  DEB_BUILD_PROFILES="nocheck $(if $(wildcard man/cfgupgrade-*.1),,pkg.cfgupgrade.notools)" \
+	  dpkg-buildpackage -us -uc -b
+	lintian --fail-on error,warning build-deb/*.changes
+	@ls build-deb/*.deb
 
 clean:
 	rm -rf build build-sanitize build-bench build-fuzz build-armhf build-arm64 build-deb

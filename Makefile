@@ -19,7 +19,7 @@ JOBS     ?= $(shell nproc)
 ARCH     ?= armhf
 FUZZ_SECONDS ?= 45
 
-.PHONY: all deps fuzz-deps build demo test cross-test check-install check-unit deb bench bench-smoke fuzz clean
+.PHONY: all deps fuzz-deps build demo test cross-test check-install bench bench-smoke fuzz clean
 
 all: build
 
@@ -102,6 +102,7 @@ bench-smoke: deps
 
 # The boot unit: a staged install puts it where systemd finds it, naming the tool; it
 # verifies (any output of systemd-analyze is a finding); the demo runs in its sandbox.
+.PHONY: check-unit deb
 check-unit: build
 	$(call install_missing,systemd)
 	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \

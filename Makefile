@@ -13,6 +13,8 @@ OTHER_CRYPTO_DEV := libssl-dev
 PACKAGES := cmake g++ make pkg-config $(LIB_DEV) $(OTHER_CRYPTO_DEV) diffutils strace attr acl
 FUZZ_PACKAGES := clang libclang-rt-dev
 LINT_PACKAGES := mandoc
+# `make deb`: the packaging tools; the Build-Depends of debian/control are in PACKAGES.
+DEB_PACKAGES := build-essential debhelper dpkg-dev lintian
 JOBS     ?= $(shell nproc)
 ARCH     ?= armhf
 FUZZ_SECONDS ?= 45
@@ -100,5 +102,31 @@ bench: deps
 bench-smoke: deps
 	bash bench/run.sh --quick >/dev/null
 
+# The boot unit: a staged install puts it where systemd finds it, naming the tool; it
+# verifies (any output of systemd-analyze is a finding); the demo runs in its sandbox.
+.PHONY: check-unit deb
+check-unit: build
+	$(call install_missing,systemd)
+	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \
+	DESTDIR=$$stage cmake --install build --prefix /usr >/dev/null && \
+	grep -qx 'ExecStart=/usr/sbin/cfgupgrade %i' "$$stage/usr/lib/systemd/system/cfgupgrade@.service" && \
+	out=$$(systemd-analyze verify --man=no --root=$$stage cfgupgrade@all.service 2>&1) && \
+	if [ -n "$$out" ]; then echo "$$out"; exit 1; fi && echo "check-unit: the unit verifies"
+	bash scripts/unit_demo.sh build/cfgupgrade
+
+# The Debian packages, built from a copy of the tree in build-deb/ (dpkg-buildpackage
+# writes beside the source, which must not be the clone), then checked by lintian.
+# nocheck: `make test` runs the same suite. A tree without the host tools' pages
+# leaves their package out.
+deb: deps
+	$(call install_missing,$(DEB_PACKAGES))
+	rm -rf build-deb && mkdir -p build-deb/src
+	tar -c --exclude-vcs --exclude='./build*' --exclude=./.cache . | tar -x -C build-deb/src
+	cd build-deb/src && DEB_BUILD_OPTIONS=nocheck \
+	  DEB_BUILD_PROFILES="nocheck $(if $(wildcard man/cfgupgrade-*.1),,pkg.cfgupgrade.notools)" \
+	  dpkg-buildpackage -us -uc -b
+	lintian --fail-on error,warning build-deb/*.changes
+	@ls build-deb/*.deb
+
 clean:
-	rm -rf build build-sanitize build-bench build-fuzz build-armhf build-arm64
+	rm -rf build build-sanitize build-bench build-fuzz build-armhf build-arm64 build-deb

@@ -41,6 +41,14 @@ struct Image {
     std::vector<std::string> env;
 
     Image(unsigned seed, const std::string& work) : rng(seed), root(work + "/root") {
+        // Now and then a directory of /config is a link to one under /phone: what the
+        // image puts there is then outside the writable areas.
+        for (const char* dir : {"/config/data", "/config/softkey", "/config/certs/phoneca", "/config/system"})
+            if (chance(8)) {
+                std::string up = "../", moved = "/phone/moved/" + fs::path(dir).filename().string();
+                for (auto n = std::count(dir, dir + strlen(dir), '/'); --n > 1;) up += "../";
+                fs::create_directories(root + moved), link(dir, up + moved.substr(1));
+            }
         accounts();
         settings();
         resources();
@@ -129,8 +137,9 @@ struct Image {
         else if (how < 19) unreadable("/config/user/user.ini");
         put("/config/system/system.ini", "[Network]\nstrPassword = " + value() + "\n[Syslog]\neLogType = 2\nstrServerName = " + value() + "\n");
         if (chance(50)) put("/config/version.ini", "[SyncConfig]\nbEnableFromOld = " + std::to_string(pick(2)) + "\n");
-        if (chance(85)) put("/phone/factory/user/user.ini", "[PhoneSetting]\n" + lockLine() + "[Sync]\nSyncCfgByVersion = " + std::to_string(pick(3)) + "\n");
-        if (chance(50)) put("/tmp/VersionInfo.cfg", "[Features]\nBLFLedOffIdle = 1\nClosePowerLight = " + std::to_string(pick(2)) +
+        if (chance(85)) put("/phone/factory/user/user.ini", "[PhoneSetting]\n" + lockLine() + "AdminPassword = " + value() + "\n[Sync]\nSyncCfgByVersion = " + std::to_string(pick(3)) + "\n");
+        if (chance(10)) link("/tmp/VersionInfo.cfg", "../phone/factory/user/user.ini");
+        else if (chance(50)) put("/tmp/VersionInfo.cfg", "[Features]\nBLFLedOffIdle = 1\nClosePowerLight = " + std::to_string(pick(2)) +
                             "\nPowerLedIdle&Talk = 3\n[Syslog]\neLogType = " + std::to_string(pick(4)) + "\nstrServerName = " + value() + "\n");
         if (chance(20)) env.push_back("CFGUPGRADE_PW_KEYFILE=/etc/k"), chance(50) ? put("/etc/k", "not a key\n") : void();
     }
@@ -143,7 +152,8 @@ struct Image {
             "<item file=\"/config/user/user.ini\" section=\"PhoneSetting\" key=\"UnlockPIN\" encrypt=\"0\"/>",
             "<item file=\"/config/user/user.ini\" section=\"PhoneSetting\" key=\"UnlockPIN\"/>",
             "<item file=\"/config/system/system.ini\" section=\"Network\" key=\"strPassword\"/>",
-            "<item account=\"1\" section=\"account\" key=\"Label\" default=\"x\"/>"};
+            "<item account=\"1\" section=\"account\" key=\"Label\" default=\"x\"/>",
+            "<item file=\"/phone/factory/user/user.ini\" section=\"PhoneSetting\" key=\"AdminPassword\"/>"};
         std::string list = "<encrypt>\n";
         for (int n = pick(5); n--;) list += std::string("\t") + any(listed) + "\n";
         if (chance(85)) put("/phone/resource/encryptConfig.xml", list + "</encrypt>\n");
@@ -154,7 +164,7 @@ struct Image {
     std::array<std::string, 3> place() {
         if (int which = pick(8); which < 4) return {"/config/user/user.ini", "PhoneSetting", which % 2 ? "UnlockPIN" : "AdminPassword"};
         else if (which == 4) return {"/config/system/system.ini", "Network", "strPassword"};
-        else if (which == 5) return {"/config/user/user.ini", "PhoneSetting", "NewPin"};
+        else if (which == 5) return {chance(80) ? "/config/user/user.ini" : "/config/../phone/factory/user/user.ini", "PhoneSetting", "NewPin"};
         return {account(pick(17)), "account", chance(50) ? "password" : "Label"};
     }
     // Mostly in place, the shape that protects a password where it is.

@@ -60,24 +60,21 @@ struct Image {
     template <typename T, size_t N>
     const T& any(const T (&options)[N]) { return options[pick(N)]; }
 
-    void put(const std::string& path, const std::string& text) {
-        fs::create_directories(fs::path(root + path).parent_path());
-        std::ofstream(root + path, std::ios::binary) << text;
-    }
-    void link(const std::string& path, const std::string& target) {
-        fs::create_directories(fs::path(root + path).parent_path());
-        fs::create_symlink(target, root + path);
+    std::string at(const std::string& path) { return fs::create_directories(fs::path(root + path).parent_path()), root + path; }
+    void put(const std::string& path, const std::string& text) { std::ofstream(at(path), std::ios::binary) << text; }
+    void link(const std::string& path, const std::string& target) { fs::create_symlink(target, at(path)); }
+    tool::Options options(const std::string& mode) const {
+        tool::Options o;
+        o.args = {mode}, o.env = env;
+        return o;
     }
     // A file the tool cannot read: a directory, a FIFO, a link that leads out of /config.
     void unreadable(const std::string& path) {
-        fs::create_directories(fs::path(root + path).parent_path());
-        if (int how = pick(3); how == 0) fs::create_directories(root + path);
-        else if (how == 1) mkfifo((root + path).c_str(), 0644);
-        else {
-            std::string out;
-            for (auto n = std::count(path.begin(), path.end(), '/'); n--;) out += "../";
-            fs::create_symlink(out + "victim.ini", root + path);
-        }
+        std::string out;
+        for (auto n = std::count(path.begin(), path.end(), '/'); n--;) out += "../";
+        if (int how = pick(3); how == 0) fs::create_directories(at(path));
+        else if (how == 1) mkfifo(at(path).c_str(), 0644);
+        else link(path, out + "victim.ini");
     }
 
     std::string value() {
@@ -219,12 +216,11 @@ struct Image {
     }
 };
 
-std::string trim(const std::string& text) {
-    size_t first = text.find_first_not_of(" \t"), last = text.find_last_not_of(" \t");
-    return first == std::string::npos ? "" : text.substr(first, last - first + 1);
-}
-
 Keys parseIni(const std::string& bytes) {
+    auto trim = [](const std::string& text) {
+        size_t first = text.find_first_not_of(" \t"), last = text.find_last_not_of(" \t");
+        return first == std::string::npos ? "" : text.substr(first, last - first + 1);
+    };
     Keys keys;
     std::string section;
     std::istringstream in(bytes);
@@ -323,20 +319,11 @@ void expectKept(const std::map<std::string, Keys>& before, const std::map<std::s
                 const Targets& targets) {
     for (const auto& [id, keys] : before) {
         auto now = after.find(id);
-        if (replacedIds.count(id)) continue;
-        if (now == after.end()) {
-            ADD_FAILURE() << "the settings of " << id << " are gone";
-            continue;
-        }
-        for (const auto& [key, value] : keys) {
-            auto at = now->second.find(key);
-            const std::string was = opened(value), is = at == now->second.end() ? "" : opened(at->second);
-            if (was.empty() || migrated(key)) continue;
-            if (!targets.written.count(id + " " + key)) {
-                EXPECT_EQ(is, was) << id << " " << key;
-            } else {
-                EXPECT_TRUE(!is.empty() || targets.clearable.count(id + " " + key)) << id << " " << key << " was emptied";
-            }
+        EXPECT_TRUE(now != after.end() || replacedIds.count(id)) << "the settings of " << id << " are gone";
+        for (const auto& [key, value] : now == after.end() ? Keys{} : keys) {
+            const std::string name = id + " " + key, was = opened(value), is = now->second.count(key) ? opened(now->second.at(key)) : "";
+            EXPECT_TRUE(was.empty() || migrated(key) || (targets.written.count(name) ? !is.empty() || targets.clearable.count(name) : is == was))
+                    << name << " was \"" << was << "\", is \"" << is << "\"";
         }
     }
 }
@@ -346,41 +333,25 @@ void expectOutsideKept(const tool::Tree& before, const tool::Tree& after) {
     auto writable = [](const std::string& path) {
         return (path.rfind("/config/", 0) == 0 && path.find("Zx9yWv8U") == std::string::npos) || path == "/tmp/VersionInfo.cfg";
     };
-    for (const auto& [path, entry] : before)
-        if (!writable(path)) {
-            EXPECT_TRUE(after.count(path) && after.at(path) == entry) << path << " changed or is gone";
-        }
-    for (const auto& [path, entry] : after)
-        if (!writable(path) && !before.count(path)) ADD_FAILURE() << path << " was created";
+    for (const auto& [path, entry] : before) EXPECT_TRUE(writable(path) || (after.count(path) && after.at(path) == entry)) << path << " changed or is gone";
+    for (const auto& [path, entry] : after) EXPECT_TRUE(writable(path) || before.count(path)) << path << " was created";
 }
 
-// What a tree holds, protected values by what they open to: the paths where two differ.
-std::map<std::string, std::string> contents(const tool::Tree& tree) {
-    std::map<std::string, std::string> out;
-    for (const auto& [path, entry] : tree) out[path] = entry.kind + "\n" + entry.bytes;
-    return out;
-}
-std::string differences(const std::map<std::string, std::string>& a, const std::map<std::string, std::string>& b) {
+// The paths where two trees differ in what they hold (protected values by what they open to).
+std::string differences(const tool::Tree& a, const tool::Tree& b) {
     std::string paths;
-    for (const auto& [path, text] : a)
-        if (!b.count(path) || b.at(path) != text) paths += " " + path;
-    for (const auto& [path, text] : b)
+    for (const auto& [path, entry] : a)
+        if (!b.count(path) || b.at(path).kind != entry.kind || b.at(path).bytes != entry.bytes) paths += " " + path;
+    for (const auto& [path, entry] : b)
         if (!a.count(path)) paths += " " + path;
     return paths;
 }
 
-tool::Options options(const Image& image, const std::string& mode) {
-    tool::Options o;
-    o.args = {mode};
-    o.env = image.env;
-    return o;
-}
-
-std::map<std::string, std::string> endOf(unsigned seed, const std::vector<std::string>& modes) {
+tool::Tree endOf(unsigned seed, const std::vector<std::string>& modes) {
     tool::WorkDir work(scratch());
     Image image(seed, work.path);
-    for (const auto& mode : modes) tool::run(work.path, options(image, mode));
-    return contents(tool::snapshot(work.path));
+    for (const auto& mode : modes) tool::run(work.path, image.options(mode));
+    return tool::snapshot(work.path);
 }
 
 // Two runs started together; their exit statuses (-1: hung, and killed).
@@ -396,47 +367,37 @@ std::vector<int> runTogether(const std::string& work, const tool::Options& a, co
     return statuses;
 }
 
-void checkModes(unsigned seed);
-
-// The password routines of this process (making values, opening them) trace no failure here.
-void checkSeed(unsigned seed) {
-    setenv("CFGUPGRADE_TRACE_LEVEL", "4", 1);
-    checkModes(seed);
-    unsetenv("CFGUPGRADE_TRACE_LEVEL");
+void checkMode(unsigned seed, const std::string& mode) {
+    SCOPED_TRACE("mode " + mode);
+    tool::WorkDir work(scratch());
+    Image image(seed, work.path);
+    const Targets targets(image);
+    if (const char* keep = std::getenv("CFGUPGRADE_FUZZ_KEEP"))  // the image as made, to turn into a golden case
+        std::system(("rm -rf " + std::string(keep) + "/" + mode + " && mkdir -p " + keep + " && cp -a " + work.path + " " + keep + "/" + mode +
+                     " && echo '" + (image.env.empty() ? "" : image.env[0]) + "' > " + keep + "/" + mode + "/env").c_str());
+    tool::Tree first = tool::snapshot(work.path), previous = first;
+    for (int n = 1; n <= 3; ++n) {
+        auto before = settings(image.root);
+        auto replacedIds = replaced(mode, image.root);
+        EXPECT_EQ(tool::run(work.path, image.options(mode)).status, 0) << "run " << n;
+        tool::Tree now = tool::snapshot(work.path);
+        expectOutsideKept(first, now);
+        expectKept(before, settings(image.root), replacedIds, targets);
+        EXPECT_EQ(n < 3 ? "" : differences(previous, now), "") << "changed by the third run";
+        previous = now;
+    }
 }
 
-void checkModes(unsigned seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    for (const std::string mode : kModes) {
-        SCOPED_TRACE("mode " + mode);
-        tool::WorkDir work(scratch());
-        Image image(seed, work.path);
-        const Targets targets(image);
-        if (const char* keep = std::getenv("CFGUPGRADE_FUZZ_KEEP"))  // the image as made, to turn into a golden case
-            std::system(("rm -rf " + std::string(keep) + "/" + mode + " && mkdir -p " + keep + " && cp -a " + work.path + " " + keep + "/" + mode).c_str());
-        tool::Tree first = tool::snapshot(work.path), previous = first;
-        for (int n = 1; n <= 3; ++n) {
-            auto before = settings(image.root);
-            auto replacedIds = replaced(mode, image.root);
-            EXPECT_EQ(tool::run(work.path, options(image, mode)).status, 0) << "run " << n;
-            tool::Tree now = tool::snapshot(work.path);
-            expectOutsideKept(first, now);
-            expectKept(before, settings(image.root), replacedIds, targets);
-            if (n == 3) {
-                EXPECT_EQ(differences(contents(previous), contents(now)), "") << "changed by the third run";
-            }
-            previous = now;
-        }
-    }
-    // Two at once: mostly the pair a boot runs, else any two modes, the same one twice included.
+// Two at once: mostly the pair a boot runs, else any two modes, the same one twice included.
+void checkTogether(unsigned seed) {
     std::mt19937 rng(seed);
     std::string a = "1", b = "2";
     if (rng() % 2) a = kModes[rng() % 5], b = kModes[rng() % 5];
     SCOPED_TRACE("modes " + a + " and " + b + " at once");
     tool::WorkDir work(scratch());
     Image image(seed, work.path);
-    EXPECT_EQ(runTogether(work.path, options(image, a), options(image, b)), (std::vector<int>{0, 0}));
-    auto together = contents(tool::snapshot(work.path));
+    EXPECT_EQ(runTogether(work.path, image.options(a), image.options(b)), (std::vector<int>{0, 0}));
+    tool::Tree together = tool::snapshot(work.path);
     std::string unlike;
     for (const auto& modes : std::vector<std::vector<std::string>>{{a, b}, {b, a}, {a}, {b}}) {
         std::string differ = differences(together, endOf(seed, modes));
@@ -446,14 +407,31 @@ void checkModes(unsigned seed) {
     ADD_FAILURE() << "two runs at once end as no serial order ends:" << unlike;
 }
 
+void checkSeed(unsigned seed) {
+    setenv("CFGUPGRADE_TRACE_LEVEL", "4", 1);  // this process's password routines trace no failure
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    for (const std::string mode : kModes) checkMode(seed, mode);
+    checkTogether(seed);
+    unsetenv("CFGUPGRADE_TRACE_LEVEL");
+}
+
 }  // namespace
 
-// Seeds that once found a loss, and a few more; each runs every mode on its image.
+// Seeds that found a loss; each runs every mode on its image. Every seed also plants
+// another user's temporary-looking files, which the clean-up of a cut run once removed.
 class ImageFuzz : public ::testing::TestWithParam<unsigned> {};
 
 TEST_P(ImageFuzz, EveryModeKeepsTheInvariants) { checkSeed(GetParam()); }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ImageFuzz, ::testing::Values(1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u));
+INSTANTIATE_TEST_SUITE_P(Seeds, ImageFuzz,
+                         ::testing::Values(3u,    // account file 16 linked to directip.cfg: gathered onto itself, then removed
+                                           8u,    // a link to directip.cfg removed with its target; modes 1 and dev at once
+                                           9u,    // a key file that is missing: protecting rules erased their values
+                                           12u,   // mode 2 removed directip.cfg through an account file linked to it
+                                           14u,   // modes 1 and 2 at once ended as neither order ends
+                                           27u,   // a password too long to protect, erased by an in-place rule
+                                           52u,   // a UTF-8 value the tool protected, erased when protected again by a rerun
+                                           56u));  // a flagged account gathered over by a link's target
 
 TEST(ImageFuzzRandom, ForTheGivenSeconds) {
     if (const char* replay = std::getenv("CFGUPGRADE_FUZZ_SEED")) return checkSeed(std::strtoul(replay, nullptr, 10));

@@ -1,7 +1,8 @@
 # Quick start: `make demo` runs the tool on the example phone image, `make test`
 # runs every test (a normal build and a sanitizer build), `make bench` runs the
 # benchmark of docs/performance.md, `make fuzz` runs the fuzz targets for a bounded
-# time, `make cross-test ARCH=armhf` (or arm64) builds for ARM and runs every test
+# time, `make fuzz-images` runs random phone images through every mode for a minute,
+# `make cross-test ARCH=armhf` (or arm64) builds for ARM and runs every test
 # under qemu-user. All install what is missing.
 
 # The crypto library's development package: the one name to change with the library.
@@ -18,8 +19,9 @@ DEB_PACKAGES := build-essential debhelper dpkg-dev lintian
 JOBS     ?= $(shell nproc)
 ARCH     ?= armhf
 FUZZ_SECONDS ?= 45
+FUZZ_IMAGE_SECONDS ?= 60
 
-.PHONY: all deps fuzz-deps build demo test cross-test check-install bench bench-smoke fuzz clean
+.PHONY: all deps fuzz-deps build demo test cross-test check-install bench bench-smoke fuzz fuzz-images clean
 
 all: build
 
@@ -93,6 +95,11 @@ fuzz: fuzz-deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCFGUPGRADE_FUZZ=ON -DCFGUPGRADE_TESTS=OFF >/dev/null
 	cmake --build build-fuzz -j $(JOBS)
 	bash fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
+# Random phone images through every mode for FUZZ_IMAGE_SECONDS, each seed printed first;
+# CFGUPGRADE_FUZZ_SEED=N build/cfgupgrade_tests --gtest_filter='ImageFuzzRandom.*' replays one.
+fuzz-images: build
+	CFGUPGRADE_FUZZ_SECONDS=$(FUZZ_IMAGE_SECONDS) build/cfgupgrade_tests --gtest_filter='ImageFuzzRandom.*'
 
 # About 15 minutes; BENCH_FLAGS=--full-peer adds the slow peer runs.
 bench: deps

@@ -53,9 +53,9 @@ inline std::string slurp(const std::string& path) {
 // A fresh directory, removed with the object.
 struct WorkDir {
     std::string path;
-    WorkDir() {
-        char pattern[] = "/tmp/cfgupgrade-test-XXXXXX";
-        path = mkdtemp(pattern) ? pattern : "";
+    explicit WorkDir(const std::string& under = "/tmp") {
+        std::string pattern = under + "/cfgupgrade-test-XXXXXX";
+        path = mkdtemp(&pattern[0]) ? pattern : "";
         fs::create_directories(path + "/root/tmp");
     }
     ~WorkDir() {

@@ -79,9 +79,10 @@ std::string unifiedHunks(const std::string& before, const std::string& after, co
         size_t start = i;
         long back = 0;
         while (start > 0 && back < kContext) --start, ++back;
-        // The hunk runs on while the changes are at most 2*kContext unchanged lines apart.
+        // The hunk runs on while the changes are at most 2*kContext unchanged lines apart, as
+        // diff -u joins hunks that would touch.
         size_t lastChange = i;
-        for (size_t j = i; j < script.size() && j - lastChange <= 2 * kContext; ++j)
+        for (size_t j = i; j < script.size() && j - lastChange <= 2 * kContext + 1; ++j)
             if (script[j] != Edit::kSame) lastChange = j;
         size_t end = std::min(script.size(), lastChange + 1 + kContext);
         long aStart = ai - back, bStart = bi - back, aCount = 0, bCount = 0;

@@ -16,35 +16,19 @@ bool endsWith(const std::string& text, const char* tail) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-struct KeyValue {
-    std::string section, key, value;
-};
+using ETL_FileHelper::IniText;
 
-// Every key of the file that a read can reach (the first of each name in a section,
-// the first section of each name), in file order. Keys before the first section are
-// in the section "".
-std::vector<KeyValue> keysOf(const std::string& bytes) {
-    auto text = ETL_FileHelper::IniText::parse(bytes);
-    std::vector<KeyValue> keys;
-    std::set<std::pair<std::string, std::string>> seen;
-    std::set<std::string> sections;
-    auto take = [&](const std::string& section, iniObject* object) {
-        if (object->type() != iniObject::kKey) return;
-        auto* line = static_cast<ETL_FileHelper::iniLine*>(object);
-        std::string key(line->name());
-        if (seen.insert({section, key}).second) keys.push_back({section, key, std::string(line->value())});
-    };
+// Calls `visit(section, key)` for every key line of the text, in file order; keys before
+// the first section are in the section "". A name met twice is visited twice.
+template <typename Visit>
+void eachKey(IniText& text, Visit visit) {
     for (iniObject* object : text.objects()) {
-        if (object->type() != iniObject::kSection) {
-            take("", object);
-            continue;
-        }
+        if (object->type() == iniObject::kKey) visit(std::string_view(), static_cast<ETL_FileHelper::iniLine*>(object)->name());
+        if (object->type() != iniObject::kSection) continue;
         auto* section = static_cast<ETL_FileHelper::iniSection*>(object);
-        std::string name(section->name());
-        if (!sections.insert(name).second) continue;  // a second section of that name is never read
-        for (iniObject* line : section->objects()) take(name, line);
+        for (iniObject* line : section->objects())
+            if (line->type() == iniObject::kKey) visit(section->name(), static_cast<ETL_FileHelper::iniLine*>(line)->name());
     }
-    return keys;
 }
 
 Change fileChange(const char* step, const std::string& op, const std::string& file) {
@@ -55,34 +39,30 @@ Change fileChange(const char* step, const std::string& op, const std::string& fi
     return c;
 }
 
+// Key by key, as a read sees them (the first key of a name in the first section of a
+// name): each side's keys are looked up in the other through its name index, so a file
+// of thousands of keys costs a walk of each side, not a comparison of every pair.
 void describeKeys(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
-    std::vector<KeyValue> before = change.before ? keysOf(*change.before) : std::vector<KeyValue>();
-    std::vector<KeyValue> after = keysOf(std::string(*change.after));
-    auto find = [](const std::vector<KeyValue>& keys, const KeyValue& wanted) -> const KeyValue* {
-        for (const KeyValue& k : keys)
-            if (k.section == wanted.section && k.key == wanted.key) return &k;
-        return nullptr;
-    };
-    auto keyChange = [&](const char* op, const KeyValue& k) {
+    IniText before = change.before ? IniText::parse(*change.before) : IniText();
+    IniText after = IniText::parse(std::string(*change.after));
+    std::set<std::pair<std::string_view, std::string_view>> told;  // a name met twice is told once
+    auto tell = [&](const char* op, std::string_view section, std::string_view key, std::optional<std::string_view> old,
+                    std::optional<std::string_view> now) {
+        if (!told.insert({section, key}).second) return;
         Change c = fileChange(step, op, change.logical);
-        c.section = k.section;
-        c.key = k.key;
-        return c;
-    };
-    for (const KeyValue& k : after) {
-        const KeyValue* was = find(before, k);
-        if (was && was->value == k.value) continue;
-        Change c = keyChange(was ? "key set" : "key added", k);
-        if (was) c.oldValue = was->value;
-        c.newValue = k.value;
+        c.section = std::string(section);
+        c.key = std::string(key);
+        if (old) c.oldValue = std::string(*old);
+        if (now) c.newValue = std::string(*now);
         out.push_back(std::move(c));
-    }
-    for (const KeyValue& k : before)
-        if (!find(after, k)) {
-            Change c = keyChange("key removed", k);
-            c.oldValue = k.value;
-            out.push_back(std::move(c));
-        }
+    };
+    eachKey(after, [&](std::string_view section, std::string_view key) {
+        std::optional<std::string_view> old = before.find(section, key), now = after.find(section, key);
+        if (old != now) tell(old ? "key set" : "key added", section, key, old, now);
+    });
+    eachKey(before, [&](std::string_view section, std::string_view key) {
+        if (!after.find(section, key)) tell("key removed", section, key, before.find(section, key), std::nullopt);
+    });
 }
 
 }  // namespace

@@ -18,12 +18,11 @@ bool endsWith(const std::string& text, const char* tail) {
 
 using ETL_FileHelper::IniText;
 
-// Calls `visit(section, key)` for every key line of the text, in file order; keys before
-// the first section are in the section "". A name met twice is visited twice.
+// Calls `visit(section, key)` for every key line of a section, in file order (lines before
+// the first section are never read, so they are not keys). A name met twice is visited twice.
 template <typename Visit>
 void eachKey(IniText& text, Visit visit) {
     for (iniObject* object : text.objects()) {
-        if (object->type() == iniObject::kKey) visit(std::string_view(), static_cast<ETL_FileHelper::iniLine*>(object)->name());
         if (object->type() != iniObject::kSection) continue;
         auto* section = static_cast<ETL_FileHelper::iniSection*>(object);
         for (iniObject* line : section->objects())

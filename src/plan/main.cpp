@@ -172,6 +172,7 @@ void finish(const Child& child, const plan::Options& options, plan::Summary& sum
     plan::Tag tag;
     std::string_view bytes;
     while (plan::nextMessage(child.messages, at, tag, bytes)) {
+        if (tag != plan::Tag::kOutput) std::fflush(stdout);  // diagnostics in their place among the results
         if (tag == plan::Tag::kOutput) std::fwrite(bytes.data(), 1, bytes.size(), stdout);
         if (tag == plan::Tag::kError) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
         if (tag == plan::Tag::kFailure && options.format != plan::Format::kSummary)

@@ -56,7 +56,7 @@ build: deps
 	cmake --build build -j $(JOBS)
 
 demo: build
-	bash scripts/demo.sh build/cfgupgrade examples/phone-root
+	bash scripts/demo.sh build/cfgupgrade examples/phone-root build/cfgupgrade-plan
 
 test: deps
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -79,15 +79,17 @@ cross-test: deps
 	awk '/: Skipped$$/ { getline; print "skipped:", $$0 }' Testing/Temporary/LastTest.log | sort | uniq -c
 
 # The man pages lint clean, and an install staged in a DESTDIR puts the tool in sbin
-# and its page in section 8, the linter in bin and its page in section 1.
+# and its page in section 8, the host tools in bin and their pages in section 1.
 check-install: build
 	$(call install_missing,$(LINT_PACKAGES))
 	mandoc -T lint -W style man/cfgupgrade.8
 	mandoc -T lint -W style man/cfgupgrade-lint.1
+	mandoc -T lint -W style man/cfgupgrade-plan.1
 	@stage=$$(mktemp -d); trap 'rm -rf "$$stage"' EXIT; \
 	DESTDIR=$$stage cmake --install build --prefix /usr >/dev/null && \
 	test -x $$stage/usr/sbin/cfgupgrade && test -s $$stage/usr/share/man/man8/cfgupgrade.8 && \
 	test -x $$stage/usr/bin/cfgupgrade-lint && test -s $$stage/usr/share/man/man1/cfgupgrade-lint.1 && \
+	test -x $$stage/usr/bin/cfgupgrade-plan && test -s $$stage/usr/share/man/man1/cfgupgrade-plan.1 && \
 	echo "check-install: $$(cd $$stage && find . -type f | sort | tr '\n' ' ')"
 
 # Every libFuzzer target (clang, ASan, UBSan) for FUZZ_SECONDS each, two at a time.

@@ -311,11 +311,32 @@ for n in "${ruleCounts[@]}"; do
   rm -rf "$d/t" "$d/f"
 done
 
+# ---------------------------------------------------------------- the plan over many images
+
+# cfgupgrade-plan --summary over N copies of the typical image (hard links: the plan
+# writes nothing), mode all, two jobs (this machine's cores); twice as many images
+# show whether memory stays flat.
+log "the plan over many images"
+planTool=$build/cfgupgrade/cfgupgrade-plan
+planCounts=(200 400); [ $quick = 1 ] && planCounts=(4 8)
+printf 'images\tseconds\timages per second\tpeak RSS KiB\n' > "$results/plan.tsv"
+for n in "${planCounts[@]}"; do
+  rm -rf "$work/plan" && mkdir -p "$work/plan"
+  for i in $(seq "$n"); do cp -al "$images/typical" "$work/plan/i$i"; done
+  read -r WALL RSS status < <("$measure" -- "$planTool" --summary -j 2 all "$work/plan"/i*)
+  [ "$status" -le 1 ] || { echo "bench: cfgupgrade-plan exit status $status" >&2; exit 1; }
+  awk -v n="$n" -v us="$WALL" -v rss="$RSS" 'BEGIN { printf "%d\t%.2f\t%.0f\t%d\n", n, us / 1e6, n / (us / 1e6), rss }' >> "$results/plan.tsv"
+done
+rm -rf "$work/plan"
+
 # ---------------------------------------------------------------- report
 
 strip -o "$work/cfgupgrade.stripped" "$tool"
 binarySize=$(stat -c %s "$work/cfgupgrade.stripped")
 bash "$top/bench/report.sh" "$results" "$binarySize" > "$results/report.md"
+{ printf '\n### cfgupgrade-plan --summary, mode all, typical images, -j 2\n\n'
+  awk -F'\t' 'NR == 1 { print "| " $1 " | " $2 " | " $3 " | " $4 " |"; print "|---:|---:|---:|---:|"; next }
+               { print "| " $1 " | " $2 " | " $3 " | " $4 " |" }' "$results/plan.tsv"; } >> "$results/report.md"
 
 plotOut=$top/docs/performance-scaling.png
 [ $quick = 1 ] && plotOut=$results/performance-scaling.png

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Runs cfgupgrade on a copy of an example phone image in the order a phone runs it
 # at an upgrade (mode 1, then 2, then all) and shows what each run logged and changed.
+# Given cfgupgrade-plan too, it first shows what mode all will change, without changing it.
 # The real /config is never touched: the copy lives in a temporary directory.
+#   bash scripts/demo.sh CFGUPGRADE IMAGE [CFGUPGRADE-PLAN]
 set -euo pipefail
 binary=$(realpath "$1")
 image=$(realpath "$2")
+plan=${3:+$(realpath "$3")}
 
 work=$(mktemp -d /tmp/cfgupgrade-demo-XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -16,6 +19,10 @@ bold=$'\e[1m'; dim=$'\e[2m'; reset=$'\e[0m'
 [ -t 1 ] || { bold=; dim=; reset=; }
 summary=()
 for mode in 1 2 all; do
+  if [ "$mode" = all ] && [ -n "$plan" ]; then
+    printf '\n%s=== cfgupgrade-plan all: what the next run will change ===%s\n' "$bold" "$reset"
+    "$plan" all "$root" || true   # 1: something will change; 2: the run will log a failure
+  fi
   rm -rf "$work/before"
   cp -a "$root" "$work/before"
   printf '\n%s=== cfgupgrade %s ===%s\n' "$bold" "$mode" "$reset"

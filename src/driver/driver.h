@@ -5,5 +5,9 @@
 // mode selects, committing the store after each. Always returns 0.
 int runUpgrade(int argc, char** argv);
 
+// The name of the step running now (or being saved after it), as the run table names
+// it; null between steps.
+const char* runningStep();
+
 // Backlight/nBacklightTime below 60 is in minutes in the old layout: make it seconds.
 void convertBacklightTime();

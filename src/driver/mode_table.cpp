@@ -76,7 +76,10 @@ bool versionRecordExists() { return ETL_MiscHelper::pathFileExist("/tmp/VersionI
 // step meets may end the run: an exception (std::bad_alloc on input too large to hold,
 // included) ends that step alone, with one line saying which, and what it completed is
 // still committed, since every change the store holds is whole.
+const char* currentStep = nullptr;
+
 void runGuarded(const Step& step) {
+    currentStep = step.name;
     const char* what = nullptr;
     try {
         step.run();
@@ -93,9 +96,12 @@ void runGuarded(const Step& step) {
     } catch (...) {
         ETL_TraceHelper::etlTrace(3, "Step [%s] not saved: unknown exception", step.name);
     }
+    currentStep = nullptr;
 }
 
 }  // namespace
+
+const char* runningStep() { return currentStep; }
 
 int runUpgrade(int argc, char** argv) {
     if (argc <= 1) {

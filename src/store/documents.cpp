@@ -23,7 +23,7 @@ struct Stamp {
     timespec mtime{};
 
     static Stamp of(const struct stat& st) {
-        return Stamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim};
+        return Stamp{st.st_mode != 0, st.st_dev, st.st_ino, st.st_size, st.st_mtim};  // a zero mode: no file
     }
     bool operator==(const Stamp& o) const {
         return present == o.present && (!present || (dev == o.dev && ino == o.ino && size == o.size &&

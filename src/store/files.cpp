@@ -16,6 +16,7 @@
 
 #include "store/pages.h"
 #include "store/report.h"
+#include "store/staging.h"
 
 namespace store::fs {
 
@@ -78,7 +79,23 @@ int readLimited(int fd, const struct stat& st, size_t limit, std::string& bytes)
     return 0;
 }
 
+// A staged file, for a read under staging: its bytes, or ENOENT for a staged removal.
+// -1 when the disk has the answer.
+int readStaged(const Location& at, std::string& bytes, struct stat& st) {
+    std::optional<std::string> key = staging() ? stagingKey(at.dir.get(), at.name) : std::nullopt;
+    const StagedFile* staged = key ? stagedFile(*key) : nullptr;
+    if (!staged) return -1;
+    if (!staged->exists) return ENOENT;
+    bytes = staged->bytes;
+    st = {};
+    st.st_mode = S_IFREG | staged->mode;
+    st.st_size = static_cast<off_t>(bytes.size());
+    return 0;
+}
+
 int readAt(const Location& at, std::string& bytes, size_t limit, struct stat& st) {
+    int staged = readStaged(at, bytes, st);
+    if (staged >= 0) return staged;
     Fd fd;
     if (int err = openRegular(at, fd, st)) return err;
     return readLimited(fd.get(), st, limit, bytes);
@@ -169,6 +186,7 @@ int listOpen(int dir, std::vector<std::string>& names, bool plainOnly = false) {
     }
     int err = errno;
     closedir(d);
+    if (staging()) applyStagedEntries(dir, names);
     return err;
 }
 
@@ -282,11 +300,56 @@ int examineTarget(const Location& at, Kept& kept, std::string_view bytes, bool& 
     return unchanged ? 0 : readAttributes(fd.get(), kept.attributes);
 }
 
+// The write of a staged run: every check a real write makes before its temporary file
+// (what the name holds, whether the directory takes a new file), then the bytes kept
+// for later reads instead of written.
+int stageReplacement(const Location& at, std::string_view bytes, mode_t newFileMode) {
+    std::optional<std::string> key = stagingKey(at.dir.get(), at.name);
+    if (!key) return errno;
+    const StagedFile* staged = stagedFile(*key);
+    StagedFile next{true, std::string(bytes), newFileMode};
+    if (staged && staged->exists) {
+        if (staged->bytes == bytes) return 0;
+        next.mode = staged->mode;
+    } else if (!staged) {
+        Kept kept;
+        bool unchanged = false;
+        if (int err = examineTarget(at, kept, bytes, unchanged)) return err;
+        if (unchanged) return 0;
+        if (kept.exists) next.mode = kept.st.st_mode & 07777;
+    }
+    if (faccessat(at.dir.get(), ".", W_OK, AT_EACCESS) != 0) return errno;
+    stageFile(*key, std::move(next));
+    return 0;
+}
+
+// A staged removal: refused as unlinkat would refuse it.
+int stageRemoval(const Location& at) {
+    std::optional<std::string> key = stagingKey(at.dir.get(), at.name);
+    if (!key) return errno;
+    if (const StagedFile* staged = stagedFile(*key)) {
+        if (!staged->exists) return ENOENT;
+    } else {
+        struct stat st;
+        if (fstatat(at.dir.get(), at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+        if (S_ISDIR(st.st_mode)) return EISDIR;
+    }
+    if (faccessat(at.dir.get(), ".", W_OK, AT_EACCESS) != 0) return errno;
+    stageFile(*key, StagedFile{});
+    return 0;
+}
+
 // Replaces the file of `at` with `bytes`: temporary file in the same directory, same
 // owner, mode and extended attributes, data synced, renamed over the name, directory synced. The original
 // is never moved away first, so the name always holds a complete file.
 int replaceFile(const Location& at, const std::string& logical, std::string_view bytes, mode_t newFileMode,
                 struct stat* written) {
+    if (staging()) {
+        // Nothing reaches the disk: the name still holds what it held, which is what the
+        // store must find there at the next step (nothing: a zero mode).
+        if (written && fstatat(at.dir.get(), at.name.c_str(), written, AT_SYMLINK_NOFOLLOW) != 0) *written = {};
+        return stageReplacement(at, bytes, newFileMode);
+    }
     Kept kept;
     bool unchanged = false;
     if (int err = examineTarget(at, kept, bytes, unchanged)) return err;
@@ -337,6 +400,23 @@ int writeResolved(const std::string& logical, std::string_view bytes, mode_t new
     return replaceFile(at, logical, bytes, at.privateFile ? 0600 : newFileMode, written);
 }
 
+// The file's bytes before a change, for the listener; nothing when nobody listens or
+// there is no file to read. Read quietly: the change itself reports what fails.
+std::optional<std::string> contentBefore(const std::string& logical) {
+    if (!listening()) return std::nullopt;
+    Location at;
+    std::string bytes;
+    struct stat st;
+    if (resolve(logical, Access::kWrite, at) != 0 || readAt(at, bytes, sizeLimit(FileKind::kXml), st) != 0) return std::nullopt;
+    return bytes;
+}
+
+void tellChanged(const std::string& logical, const std::optional<std::string>& before,
+                 std::optional<std::string_view> after, ChangeKind kind, const std::string* source = nullptr) {
+    if (listening() && (before.has_value() != after.has_value() || (before && *before != *after)))
+        tellListener(FileChange{logical, before, after, kind, source});
+}
+
 }  // namespace
 
 size_t sizeLimit(FileKind kind) { return kind == FileKind::kXml ? 8u << 20 : 4u << 20; }
@@ -354,6 +434,11 @@ int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
 
 // One look at the name (500 certificates are tested at a boot): no descriptor is opened.
 bool pathExists(const std::string& logical) {
+    if (staging()) {
+        std::optional<std::string> id = identity(logical);
+        const StagedFile* staged = id ? stagedFile(*id) : nullptr;
+        if (staged) return staged->exists;
+    }
     Lookup found;
     int err = lookup(logical, Access::kRead, found);
     if (err == kLinkLeavesArea) {  // something is there; reading it is refused
@@ -378,10 +463,12 @@ bool mayWrite(const std::string& logical) {
 }
 
 bool writeFileAtomically(const std::string& logical, std::string_view bytes, struct stat* written) {
+    std::optional<std::string> before = contentBefore(logical);
     mode_t mask = umask(0);
     umask(mask);
     int err = writeResolved(logical, bytes, 0666 & ~mask, written);
     if (err) logFailure("write", logical, err);
+    else tellChanged(logical, before, bytes, ChangeKind::kWritten);
     return err == 0;
 }
 
@@ -402,6 +489,7 @@ bool copyFileAtomically(const std::string& dst, const std::string& src) {
     Location from;
     std::string bytes;
     struct stat st {};
+    std::optional<std::string> before = contentBefore(dst);
     int err = resolve(src, Access::kRead, from);
     if (!err) err = readAt(from, bytes, sizeLimit(FileKind::kCopy), st);
     // A new copy gets its source's permissions, as cp gives them, unless it may hold a password.
@@ -411,15 +499,19 @@ bool copyFileAtomically(const std::string& dst, const std::string& src) {
     if (!err) err = writeResolved(dst, bytes, st.st_mode & 0777 & ~mask);
     if (err)
         report("Cannot copy [%s] to [%s]: %s", src.c_str(), dst.c_str(), describe(err));
+    else tellChanged(dst, before, bytes, ChangeKind::kCopied, &src);
     return err == 0;
 }
 
 bool removeFile(const std::string& logical) {
+    std::optional<std::string> before = contentBefore(logical);
     Location at;
     int err = resolve(logical, Access::kRemove, at);
     // Without AT_REMOVEDIR, unlinkat refuses a directory with EISDIR: no stat of our own.
-    if (!err) err = unlinkat(at.dir.get(), at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir.get());
+    if (!err && staging()) err = stageRemoval(at);
+    else if (!err) err = unlinkat(at.dir.get(), at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir.get());
     if (err && err != ENOENT) logFailure("remove", logical, err);
+    if (!err) tellChanged(logical, before, std::nullopt, ChangeKind::kRemoved);
     return err == 0;
 }
 

@@ -41,7 +41,8 @@ bool mayWrite(const std::string& logical);
 // The one writer. Replaces the file with `bytes` so that a cut of power at any
 // moment leaves either the old or the new content, never a mix and never nothing.
 // Writes nothing when the file already holds exactly these bytes. `written`, when
-// given, gets the status of the file the name then holds (to know it again later).
+// given, gets the status of the file the name then holds (to know it again later), a
+// zero mode when it holds none (a staged run that created the file).
 bool writeFileAtomically(const std::string& logical, std::string_view bytes, struct stat* written = nullptr);
 
 // Copies src over dst through the atomic writer; false when the copy did not land,

@@ -7,13 +7,16 @@
 // walk of older kernels, with the same expectations. CFGUPGRADE_GOLDEN=update rewrites the
 // expectations from what the tool does: read that diff before committing it.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <functional>
 #include <iterator>
-#include <thread>
+#include <csignal>
 
 #include "migrations/accounts/accounts.h"
 #include "migrations/features/features.h"
@@ -225,22 +228,39 @@ TEST(GoldenSteps, AnswerAsTheirCaseSays) {
 
 // One run at a time per root: a run waits for the one holding /config, and gives up with
 // one line, changing nothing, when it is held past the wait's bound (10 s).
+// Holds the lock of `dir` in a child process until it is killed or `ms` have passed: no
+// thread in the test process, which qemu-user cannot fork safely beside one.
+pid_t holdLock(const std::string& dir, int ms) {
+    int ready[2];
+    if (pipe(ready) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+        char taken = flock(fd, LOCK_EX) == 0;
+        if (write(ready[1], &taken, 1) != 1) _exit(1);
+        usleep(ms * 1000);
+        _exit(0);
+    }
+    char taken = 0;
+    bool ok = pid > 0 && read(ready[0], &taken, 1) == 1 && taken;
+    close(ready[0]);
+    close(ready[1]);
+    return ok ? pid : -1;
+}
+
 TEST(GoldenLock, ARunWaitsForTheRunHoldingTheRootThenGivesUp) {
     const std::string refused = "Cannot lock [/config]: another run has held it for 10 s; this run changes nothing\n";
     for (bool releasedSoon : {true, false}) {
         tool::WorkDir work;
         ASSERT_EQ(prepare("every-step.1", readCase("every-step.1"), work), "");
         tool::Tree before = tool::snapshot(work.path);
-        int held = open((work.root() + "/config").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ASSERT_EQ(flock(held, LOCK_EX), 0);
-        std::thread release([&] {
-            if (releasedSoon) std::this_thread::sleep_for(std::chrono::milliseconds(300)), close(held);
-        });
+        pid_t holder = holdLock(work.root() + "/config", releasedSoon ? 300 : 60000);
+        ASSERT_GT(holder, 0);
         auto start = std::chrono::steady_clock::now();
         tool::Run run = tool::run(work.path, readCase("every-step.1").options);
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        release.join();
-        if (!releasedSoon) close(held);
+        kill(holder, SIGKILL);
+        waitpid(holder, nullptr, 0);
         std::map<std::string, std::string> files;
         std::string text = summary(run, before, tool::snapshot(work.path), files);
         EXPECT_EQ(run.status, 0) << text;

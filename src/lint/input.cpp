@@ -64,13 +64,16 @@ void checkLoad(XmlInput& input, pugi::xml_parse_result result, int refusal, Find
 
 }  // namespace
 
-// A file named on the command line, as the store reaches it from "/".
-std::string absolute(const std::string& path) {
-    if (!path.empty() && path.front() == '/') return path;
-    char* cwd = getcwd(nullptr, 0);
-    std::string out = std::string(cwd ? cwd : ".") + "/" + path;
-    std::free(cwd);
-    return out;
+// A file named on the command line, read below its own directory rather than below "/":
+// an emulator that maps "/" to a target's system root (qemu-user's -L) cannot then send
+// the read elsewhere. Its links are followed first, since none may leave that root.
+void namedFile(const std::string& path, std::string& root, std::string& logical) {
+    char* resolved = realpath(path.c_str(), nullptr);
+    std::string full = resolved ? resolved : path;
+    std::free(resolved);
+    size_t slash = full.rfind('/');
+    root = slash == std::string::npos ? "." : slash == 0 ? "/" : full.substr(0, slash);
+    logical = "/" + full.substr(slash == std::string::npos ? 0 : slash + 1);
 }
 
 // The store reads below the root of CFGUPGRADE_ROOT, as on the phone; a new root starts

@@ -119,9 +119,10 @@ std::vector<std::string> accountFilesReencoded();
 std::string settingName(std::string_view file, std::string_view section, std::string_view key);
 
 // The store reads below CFGUPGRADE_ROOT, as on the phone: `useRoot` points it at a new
-// root. `absolute` makes a path named on the command line one the store finds from "/".
+// root. A file named on the command line is read as the one file of its own directory:
+// `namedFile` gives that directory (the root) and "/NAME" (the path below it).
 void useRoot(const std::string& root);
-std::string absolute(const std::string& path);
+void namedFile(const std::string& path, std::string& root, std::string& logical);
 
 // Reads the input at `logical` under `root` and parses it as the phone tool does (a
 // file it does not read is a finding); false, with a line on standard error, when the

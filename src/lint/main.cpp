@@ -128,13 +128,13 @@ int main(int argc, char** argv) {
     lint::Findings findings(o.disabled);
     lint::XmlInput rules, keysInput;
     lint::KeyList keys;
-    std::string root = o.root, rulesPath = kRuleFile, keysPath = kListFile;
+    std::string root = o.root, keysRoot = o.root, rulesPath = kRuleFile, keysPath = kListFile;
     if (root.empty()) {
-        root = "/";
         rules.path = o.rules;
         keysInput.path = o.keys;
-        rulesPath = lint::absolute(o.rules);
-        keysPath = o.keys.empty() ? "" : lint::absolute(o.keys);
+        lint::namedFile(o.rules, root, rulesPath);
+        keysPath.clear();
+        if (!o.keys.empty()) lint::namedFile(o.keys, keysRoot, keysPath);
     } else {
         std::string shown = root.back() == '/' ? root.substr(0, root.size() - 1) : root;
         rules.path = shown + kRuleFile;
@@ -143,7 +143,7 @@ int main(int argc, char** argv) {
     keysInput.order = 1;
     if (!lint::readInput(root, rulesPath, rules, findings)) return 2;
     bool haveKeys = !keysPath.empty();
-    if (haveKeys && !lint::readInput(root, keysPath, keysInput, findings)) return 2;
+    if (haveKeys && !lint::readInput(keysRoot, keysPath, keysInput, findings)) return 2;
     if (haveKeys && keysInput.loaded) {
         keys.read = keys.mapper.ReadEncryptConfig(keysInput.doc, keys.entries, &keys.nodes) != 0;
         if (keys.read) lint::checkKeyList(keysInput, keys, findings);

@@ -341,6 +341,10 @@ bool pathExists(const std::string& logical) {
     Lookup found;
     int err = lookup(logical, Access::kRead, found);
     if (err == kLinkLeavesArea) return true;  // something is there; reading it is refused
+    if (isResourceShortage(err)) {
+        reportOnce("read", logical, err);
+        return true;  // it may well be there: nothing is written over it, its read fails the same
+    }
     if (err || !found.present) return false;
     if (found.ownFileOnly && !ownedAndGuarded(found.st)) {
         reportOnce("read", logical, kUntrustedRecord);
@@ -352,7 +356,7 @@ bool pathExists(const std::string& logical) {
 bool mayWrite(const std::string& logical) {
     Lookup found;
     int err = lookup(logical, Access::kWrite, found);
-    if (err < 0) reportOnce("write", logical, err);
+    if (err < 0 || isResourceShortage(err)) reportOnce("write", logical, err);
     return err == 0;
 }
 

@@ -32,6 +32,10 @@ constexpr int kTooDeep = -5;
 constexpr int kNotAbsolute = -6;
 constexpr int kNulReference = -7;
 
+// Out of descriptors or memory: the process's or the system's want, which says nothing
+// of the file, so it is reported as what it is, never taken for a missing file or a link.
+bool isResourceShortage(int err);
+
 // The text for an errno value or a refusal above.
 const char* describe(int err);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -55,22 +56,67 @@ const std::string& keyOf(const std::string& logical) {
     return keys.emplace(logical, id ? *id : "?" + fs::canonicalPath(logical)).first->second;
 }
 
+// The INI files held at once, by their footprint (IniText::footprint): the files of the
+// largest real image take a few hundred KiB. Half of it is kept free for the file being
+// read, so one file may take at most that half.
+const size_t kIniBudget = 12u << 20;
+const size_t kIniFileBudget = kIniBudget / 2;
+
+size_t heldFootprint() {
+    size_t held = 0;
+    for (const auto& file : cache().files)
+        if (file.second.text) held += file.second.text->footprint();
+    return held;
+}
+
+// Drops the files nobody but the cache holds and that hold no change: a later read
+// reads them again, as the disk has them.
+void dropUnheldFiles() {
+    auto& files = cache().files;
+    for (auto it = files.begin(); it != files.end();)
+        it = !it->second.dirty && it->second.text && it->second.text.use_count() == 1 ? files.erase(it) : std::next(it);
+    cache().lastEntry = nullptr;
+}
+
+// Makes room for one more file before it is read. Files of many megabytes (no real one
+// comes near) are dropped once read, and changed ones committed early, as a copy or a
+// removal commits them: memory stays bounded whatever the number of files a step reads.
+void makeRoomForAFile() {
+    if (heldFootprint() <= kIniBudget - kIniFileBudget) return;
+    dropUnheldFiles();
+    if (heldFootprint() <= kIniBudget - kIniFileBudget) return;
+    commitFiles();
+    dropUnheldFiles();
+}
+
+// The text of a file read, or why it cannot be held (logged once): more than one file's
+// share of the budget, or more than documents leave of it.
+int parseWithinBudget(const std::string& logical, std::string bytes, std::shared_ptr<ETL_FileHelper::IniText>& text) {
+    ETL_FileHelper::IniText parsed = ETL_FileHelper::IniText::parse(std::move(bytes), kIniFileBudget);
+    if (parsed.footprint() > kIniFileBudget || heldFootprint() + parsed.footprint() > kIniBudget) {
+        fs::reportOnce("read", logical, fs::kOverBudget);
+        return fs::kOverBudget;
+    }
+    text = std::make_shared<ETL_FileHelper::IniText>(std::move(parsed));
+    return 0;
+}
+
 // The entry of a path, read on first use.
 CachedFile* findOrRead(const std::string& logical) {
-    const std::string& key = keyOf(logical);
+    const std::string key = keyOf(logical);  // a copy: making room may commit, which forgets spellings
     auto& files = cache().files;
     auto it = files.find(key);
     if (it != files.end()) return &it->second;
     CachedFile entry;
     entry.logical = logical;
+    makeRoomForAFile();
     // The bytes are dropped once parsed: the writer compares with the file itself, so
     // the cache holds each file once, as lines.
     std::string bytes;
     int err = fs::readFile(logical, bytes, fs::FileKind::kIni);
     if (!err)  // the text takes over the bytes as read: no second copy of the file
-        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(std::move(bytes)));
-    else
-        entry.unreadable = err != ENOENT;
+        err = parseWithinBudget(logical, std::move(bytes), entry.text);
+    entry.unreadable = err && err != ENOENT;
     return &files.emplace(key, std::move(entry)).first->second;
 }
 

@@ -323,7 +323,7 @@ int writeResolved(const std::string& logical, std::string_view bytes, mode_t new
 
 }  // namespace
 
-size_t sizeLimit(FileKind kind) { return kind == FileKind::kXml ? 8u << 20 : 4u << 20; }
+size_t sizeLimit(FileKind) { return 4u << 20; }
 
 int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
     Location at;
@@ -363,7 +363,9 @@ bool mayWrite(const std::string& logical) {
 bool writeFileAtomically(const std::string& logical, std::string_view bytes) {
     mode_t mask = umask(0);
     umask(mask);
-    int err = writeResolved(logical, bytes, 0666 & ~mask);
+    // A file grown past what a read accepts (a key added to a file at its limit) would be
+    // unreadable from the next run on: it stays as it was.
+    int err = bytes.size() > sizeLimit(FileKind::kIni) ? EFBIG : writeResolved(logical, bytes, 0666 & ~mask);
     if (err) logFailure("write", logical, err);
     return err == 0;
 }

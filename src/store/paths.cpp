@@ -276,6 +276,7 @@ const char* describe(int err) {
         case kTooDeep: return "nested too deep";
         case kNotAbsolute: return "not an absolute path";
         case kNulReference: return "a character reference to NUL";
+        case kOverBudget: return "too large to hold within the memory the run allows itself";
         default: return std::strerror(err);
     }
 }

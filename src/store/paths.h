@@ -31,6 +31,7 @@ constexpr int kUntrustedRecord = -4;
 constexpr int kTooDeep = -5;
 constexpr int kNotAbsolute = -6;
 constexpr int kNulReference = -7;
+constexpr int kOverBudget = -8;
 
 // Out of descriptors or memory: the process's or the system's want, which says nothing
 // of the file, so it is reported as what it is, never taken for a missing file or a link.

@@ -27,6 +27,7 @@ const std::string kGolden = CFGUPGRADE_TESTS "/golden";
 struct Case {
     std::vector<std::string> images, setup;
     tool::Options options;
+    unsigned long cgroupMemory = 0;
 };
 
 Case readCase(const std::string& name) {
@@ -43,6 +44,9 @@ Case readCase(const std::string& name) {
         if (word == "setup") c.setup.push_back(rest);
         if (word == "wrap") c.options.wrap = words;
         if (word == "limit") c.options.addressSpace = std::stoul(rest);
+        if (word == "rlimit")
+            for (const auto& w : words) c.options.limits.push_back("--" + w);
+        if (word == "cgroup") c.cgroupMemory = std::stoul(rest);
         if (word == "streams")
             c.options.streams = rest == "closed" ? tool::Streams::kClosed
                                 : rest == "full-pipes" ? tool::Streams::kFullPipes : tool::Streams::kClosedPipes;
@@ -93,8 +97,9 @@ std::string summary(const tool::Run& run, const tool::Tree& before, const tool::
     }
     for (const auto& [path, entry] : before)
         if (!after.count(path)) changes += "removed " + path + "\n";
+    std::string err = run.err.empty() ? "" : "--- standard error\n" + canonicalLog(run.err);
     return "exit " + std::to_string(run.status) + "\n--- standard output\n" + run.out + "--- log\n" +
-           canonicalLog(run.log) + "--- changes\n" + changes;
+           canonicalLog(run.log) + err + "--- changes\n" + changes;
 }
 
 std::map<std::string, std::string> expectedFiles(const std::string& dir) {
@@ -137,6 +142,10 @@ const bool kSanitized = true;
 const bool kSanitized = false;
 #endif
 
+// The most memory any run may take, whatever the image: the tool runs at boot on a phone
+// with little of it. The sanitizers' shadow memory and an emulator add their own.
+const long kPeakRssBudgetKib = 32 << 10;
+
 }  // namespace
 
 class Golden : public ::testing::TestWithParam<std::string> {};
@@ -149,14 +158,21 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
     auto countsIo = [](const std::string& word) { return word.rfind("inject=write", 0) == 0 || word.rfind("inject=read", 0) == 0; };
     if (kSanitized && std::any_of(c.options.wrap.begin(), c.options.wrap.end(), countsIo))
         GTEST_SKIP() << "the sanitizer runtime makes read and write calls of its own, which shift the count";
-    if (c.options.addressSpace && (kSanitized || tool::emulated()))
-        GTEST_SKIP() << "the sanitizer runtime or the emulator needs more address space than the limit";
+    if ((c.options.addressSpace || c.cgroupMemory) && (kSanitized || tool::emulated()))
+        GTEST_SKIP() << "the sanitizer runtime or the emulator needs more memory than the limit";
+    std::unique_ptr<tool::MemoryCgroup> cgroup;
+    if (c.cgroupMemory) {
+        cgroup = std::make_unique<tool::MemoryCgroup>(c.cgroupMemory);
+        if (cgroup->procs.empty()) GTEST_SKIP() << cgroup->why;
+        c.options.cgroupProcs = cgroup->procs;
+    }
     const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
     for (bool walk : {false, true}) {
         tool::WorkDir work;
         if (std::string failed = prepare(GetParam(), c, work); !failed.empty())
             GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature): " << failed;
         tool::Options options = c.options;
+        options.peakRss = !kSanitized && !tool::emulated();
         if (walk) options.env.push_back("CFGUPGRADE_NO_OPENAT2=1");
         tool::Tree before = tool::snapshot(work.path);
         // The walk answers as openat2 does; its first run shows that.
@@ -169,6 +185,7 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
             if (update && !walk) writeExpected(expected, text, files);
             EXPECT_EQ(text, tool::slurp(expected + ".txt")) << "run " << n << how;
             EXPECT_EQ(files, expectedFiles(expected)) << "run " << n << how;
+            EXPECT_LE(run.peakRssKib, kPeakRssBudgetKib) << "peak RSS, run " << n << how;
             before = after;
         }
     }

@@ -94,7 +94,7 @@ void freeXmlMemory(void* pointer) {
 
 // Installed before any document can take memory, so every block is freed by the
 // function that made it.
-const bool kXmlMemoryInstalled = (pugi::set_memory_management_functions(allocateXmlMemory, freeXmlMemory), true);
+[[maybe_unused]] const bool kXmlMemoryInstalled = (pugi::set_memory_management_functions(allocateXmlMemory, freeXmlMemory), true);
 
 // True when the text holds "&#0;" in any spelling ("&#x00;", "&#000;"). XML forbids it;
 // the parser would take it for the end of its text and drop what follows, so a rewrite

@@ -50,7 +50,7 @@ int depthOf(const pugi::xml_document& doc) {
 }
 
 // What every XML document alive at once (the rule file, a layout) may hold: a rule file
-// of 10,000 rules needs about 3.5 MiB. XML costs many times its bytes as nodes (an 8 MiB
+// of 10,000 rules needs about 2.6 MiB. XML costs many times its bytes as nodes (an 8 MiB
 // file of empty elements would need 150 MiB), so the bytes alone bound nothing.
 const size_t kXmlMemoryBudget = 6u << 20;
 

@@ -236,3 +236,29 @@ TEST(GoldenSteps, AnswerAsTheirCaseSays) {
     }
     unsetenv("CFGUPGRADE_LOG");
 }
+
+// Every descriptor limit from 4 to 16, on the image where every step has work. Which
+// files a run cannot open depends on how many descriptors it holds at that moment, so the
+// lines are checked rather than pinned: exit 0, and each refusal an unlimited run does
+// not make says "Too many open files", never a missing file or a link leading out.
+TEST(GoldenLimits, RunningOutOfDescriptorsIsSaidAsSuch) {
+    const Case c = readCase("every-step.all");
+    auto logOf = [&](const std::vector<std::string>& limits) {
+        tool::WorkDir work;
+        EXPECT_EQ(prepare("every-step.all", c, work), "");
+        tool::Options options = c.options;
+        options.limits = limits;
+        tool::Run run = tool::run(work.path, options);
+        EXPECT_EQ(run.status, 0) << (limits.empty() ? "unlimited" : limits[0]);
+        return run.log;
+    };
+    const std::string unlimited = logOf({});
+    for (int n = 4; n <= 16; ++n) {
+        std::istringstream log(logOf({"--nofile=" + std::to_string(n)}));
+        for (std::string line; std::getline(log, line);) {
+            bool refusal = line.find("Cannot ") != std::string::npos || line.find("not exist") != std::string::npos;
+            if (!refusal || unlimited.find(line + "\n") != std::string::npos) continue;
+            EXPECT_NE(line.find(": Too many open files"), std::string::npos) << "nofile " << n << ": " << line;
+        }
+    }
+}

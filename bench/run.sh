@@ -222,7 +222,8 @@ done
 # within its memory budget.
 printf 'image\tmode\trss_kib\n' > "$results/worst.tsv"
 worstBase=typical  # in every set of sizes
-fill() {  # IMAGE KIND
+fill() (  # IMAGE KIND; a subshell: `yes` and `seq` end on SIGPIPE, which pipefail would take for a failure
+  set +o pipefail
   local f
   find "$1/config" -type f \( -name '*.ini' -o -name '*.cfg' \) | while IFS= read -r f; do
     case $2 in
@@ -236,7 +237,7 @@ fill() {  # IMAGE KIND
       { echo '<softkey>'; yes '<a/>' | head -c 4000000; echo '</softkey>'; } > "$f"
     done
   fi
-}
+)
 log "worst images: 4 kinds, ${#modes[@]} modes"
 for kind in blank-lines huge-section tiny-sections empty-elements; do
   fresh "$images/$worstBase" "$work/worst-$kind"

@@ -178,6 +178,9 @@ inline pid_t startTool(const std::string& work, const Options& o, const int ends
         posix_spawn_file_actions_addclose(&actions, ends[1]);
         if (ends[0] >= 0) posix_spawn_file_actions_addclose(&actions, ends[0]);
     }
+    // Nothing else of this process (ctest hands it descriptors): a descriptor limit then
+    // means the same everywhere.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     posix_spawn_file_actions_addchdir_np(&actions, (work + "/root").c_str());
     mode_t mask = umask(022);
     pid_t pid = -1;

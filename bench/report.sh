@@ -117,7 +117,7 @@ END {
   printf "\nStripped binary: %d bytes (%.0f KiB).\n", binarySize, binarySize / 1024
 }
 ' "$results/runs.tsv" "$results/observed.tsv" "$results/startup.tsv" "$results/peer.tsv" "$results/scaling.tsv" \
-  "$results/instructions.tsv"
+  "$results/instructions.tsv" "$results/worst.tsv"
 
 for f in "$results"/profile-*.txt; do
   [ -e "$f" ] || continue

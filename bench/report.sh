@@ -52,6 +52,7 @@ file == "observed.tsv" { k = $1 SUBSEP $2 SUBSEP $3; ob[k] = $4; of[k] = $5; ore
 file == "peer.tsv" { add(pp, $1, $3); add(pt, $1, $4); add(pr, $1, $3 / $4); if (!($1 in pseen)) { pseen[$1] = 1; porder[++np] = $1 } }
 file == "scaling.tsv" { add(st, $1, $3); add(sf, $1, $4); if (!($1 in sseen)) { sseen[$1] = 1; sorder[++ns] = $1 } }
 file == "instructions.tsv" { ir[$1] = $2 }
+file == "worst.tsv" { if ($3 + 0 > worstRss) { worstRss = $3; worstWhat = $1 ", mode `" $2 "`" } }
 END {
   startRss = median(su["rss"])
   print "### The ordinary boot: figures and targets\n"
@@ -65,6 +66,9 @@ END {
       startRss / 1024, median(su["yrss"]) / 1024, verdict(d <= 1000)
   }
   figureRss("typical", 3); figureRss("large", 8)
+  if (worstRss)
+    printf "| peak RSS of the worst image (every file under `/config` filled to its limit) | %.1f MiB (%s) | at most 32 MiB | %s |\n",
+      worstRss / 1024, worstWhat, verdict(worstRss <= 32 * 1024)
   print ""
   print "### Sizes and modes: the first run (an upgrade)\n"
   print "| size | mode | cfgupgrade ms | floor ms | ratio | peak RSS | written | fsyncs | files replaced / removed | floor writes | floor fsyncs |"
@@ -113,7 +117,7 @@ END {
   printf "\nStripped binary: %d bytes (%.0f KiB).\n", binarySize, binarySize / 1024
 }
 ' "$results/runs.tsv" "$results/observed.tsv" "$results/startup.tsv" "$results/peer.tsv" "$results/scaling.tsv" \
-  "$results/instructions.tsv"
+  "$results/instructions.tsv" "$results/worst.tsv"
 
 for f in "$results"/profile-*.txt; do
   [ -e "$f" ] || continue

@@ -214,6 +214,42 @@ for i in $(seq $((repeats * 3))); do
   printf '%s\t%s\t%s\t%s\t%s\n' "$i" "$t" "$tr" "$y" "$yr" >> "$results/startup.tsv"
 done
 
+# ---------------------------------------------------------------- worst images
+
+# worst.tsv: image mode rss_kib. The typical image with every INI file under /config
+# filled to just under its 4 MiB limit (blank lines, one huge section, tiny sections)
+# or every XML file there of empty elements: whatever the files hold, a run stays
+# within its memory budget.
+printf 'image\tmode\trss_kib\n' > "$results/worst.tsv"
+worstBase=typical  # in every set of sizes
+fill() (  # IMAGE KIND; a subshell: `yes` and `seq` end on SIGPIPE, which pipefail would take for a failure
+  set +o pipefail
+  local f
+  find "$1/config" -type f \( -name '*.ini' -o -name '*.cfg' \) | while IFS= read -r f; do
+    case $2 in
+      blank-lines) head -c $((4190208 - $(stat -c %s "$f"))) /dev/zero | tr '\0' '\n' >> "$f" ;;
+      huge-section) { cat "$f"; echo '[Huge]'; seq -f 'k%g=v' 0 999999; } | head -c 4190208 > "$f.new" && mv "$f.new" "$f" ;;
+      tiny-sections) { cat "$f"; yes '[]'; } | head -c 4190208 > "$f.new" && mv "$f.new" "$f" ;;
+    esac
+  done
+  if [ "$2" = empty-elements ]; then
+    find "$1/config" -type f -name '*.xml' | while IFS= read -r f; do
+      { echo '<softkey>'; yes '<a/>' | head -c 4000000; echo '</softkey>'; } > "$f"
+    done
+  fi
+)
+log "worst images: 4 kinds, ${#modes[@]} modes"
+for kind in blank-lines huge-section tiny-sections empty-elements; do
+  fresh "$images/$worstBase" "$work/worst-$kind"
+  fill "$work/worst-$kind" "$kind"
+  for m in "${modes[@]}"; do
+    fresh "$work/worst-$kind" "$work/worst"
+    run_tool "$work/worst" "$m"
+    printf '%s\t%s\t%s\n' "$kind" "$m" "$RSS" >> "$results/worst.tsv"
+  done
+  rm -rf "$work/worst-$kind" "$work/worst"
+done
+
 # ---------------------------------------------------------------- profile
 
 # profile-SIZE.txt: where the instructions of an ordinary boot (mode all, run again

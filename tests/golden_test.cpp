@@ -33,6 +33,7 @@ const std::string kGolden = CFGUPGRADE_TESTS "/golden";
 struct Case {
     std::vector<std::string> images, setup;
     tool::Options options;
+    unsigned long cgroupMemory = 0;
 };
 
 Case readCase(const std::string& name) {
@@ -49,6 +50,9 @@ Case readCase(const std::string& name) {
         if (word == "setup") c.setup.push_back(rest);
         if (word == "wrap") c.options.wrap = words;
         if (word == "limit") c.options.addressSpace = std::stoul(rest);
+        if (word == "rlimit")
+            for (const auto& w : words) c.options.limits.push_back("--" + w);
+        if (word == "cgroup") c.cgroupMemory = std::stoul(rest);
         if (word == "streams")
             c.options.streams = rest == "closed" ? tool::Streams::kClosed
                                 : rest == "full-pipes" ? tool::Streams::kFullPipes : tool::Streams::kClosedPipes;
@@ -99,8 +103,9 @@ std::string summary(const tool::Run& run, const tool::Tree& before, const tool::
     }
     for (const auto& [path, entry] : before)
         if (!after.count(path)) changes += "removed " + path + "\n";
+    std::string err = run.err.empty() ? "" : "--- standard error\n" + canonicalLog(run.err);
     return "exit " + std::to_string(run.status) + "\n--- standard output\n" + run.out + "--- log\n" +
-           canonicalLog(run.log) + "--- changes\n" + changes;
+           canonicalLog(run.log) + err + "--- changes\n" + changes;
 }
 
 std::map<std::string, std::string> expectedFiles(const std::string& dir) {
@@ -143,6 +148,10 @@ const bool kSanitized = true;
 const bool kSanitized = false;
 #endif
 
+// The most memory any run may take, whatever the image: the tool runs at boot on a phone
+// with little of it. The sanitizers' shadow memory and an emulator add their own.
+const long kPeakRssBudgetKib = 32 << 10;
+
 }  // namespace
 
 class Golden : public ::testing::TestWithParam<std::string> {};
@@ -155,14 +164,21 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
     auto countsIo = [](const std::string& word) { return word.rfind("inject=write", 0) == 0 || word.rfind("inject=read", 0) == 0; };
     if (kSanitized && std::any_of(c.options.wrap.begin(), c.options.wrap.end(), countsIo))
         GTEST_SKIP() << "the sanitizer runtime makes read and write calls of its own, which shift the count";
-    if (c.options.addressSpace && (kSanitized || tool::emulated()))
-        GTEST_SKIP() << "the sanitizer runtime or the emulator needs more address space than the limit";
+    if ((c.options.addressSpace || c.cgroupMemory) && (kSanitized || tool::emulated()))
+        GTEST_SKIP() << "the sanitizer runtime or the emulator needs more memory than the limit";
+    std::unique_ptr<tool::MemoryCgroup> cgroup;
+    if (c.cgroupMemory) {
+        cgroup = std::make_unique<tool::MemoryCgroup>(c.cgroupMemory);
+        if (cgroup->procs.empty()) GTEST_SKIP() << cgroup->why;
+        c.options.cgroupProcs = cgroup->procs;
+    }
     const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
     for (bool walk : {false, true}) {
         tool::WorkDir work;
         if (std::string failed = prepare(GetParam(), c, work); !failed.empty())
             GTEST_SKIP() << "setup needs what this machine lacks (root, a tool, a filesystem feature): " << failed;
         tool::Options options = c.options;
+        options.peakRss = !kSanitized && !tool::emulated();
         if (walk) options.env.push_back("CFGUPGRADE_NO_OPENAT2=1");
         tool::Tree before = tool::snapshot(work.path);
         // The walk answers as openat2 does; its first run shows that.
@@ -175,6 +191,7 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
             if (update && !walk) writeExpected(expected, text, files);
             EXPECT_EQ(text, tool::slurp(expected + ".txt")) << "run " << n << how;
             EXPECT_EQ(files, expectedFiles(expected)) << "run " << n << how;
+            EXPECT_LE(run.peakRssKib, kPeakRssBudgetKib) << "peak RSS, run " << n << how;
             before = after;
         }
     }
@@ -226,8 +243,6 @@ TEST(GoldenSteps, AnswerAsTheirCaseSays) {
     unsetenv("CFGUPGRADE_LOG");
 }
 
-// One run at a time per root: a run waits for the one holding /config, and gives up with
-// one line, changing nothing, when it is held past the wait's bound (10 s).
 // Holds the lock of `dir` in a child process until it is killed or `ms` have passed: no
 // thread in the test process, which qemu-user cannot fork safely beside one.
 pid_t holdLock(const std::string& dir, int ms) {
@@ -248,6 +263,8 @@ pid_t holdLock(const std::string& dir, int ms) {
     return ok ? pid : -1;
 }
 
+// One run at a time per root: a run waits for the one holding /config, and gives up with
+// one line, changing nothing, when it is held past the wait's bound (10 s).
 TEST(GoldenLock, ARunWaitsForTheRunHoldingTheRootThenGivesUp) {
     const std::string refused = "Cannot lock [/config]: another run has held it for 10 s; this run changes nothing\n";
     for (bool releasedSoon : {true, false}) {
@@ -269,5 +286,32 @@ TEST(GoldenLock, ARunWaitsForTheRunHoldingTheRootThenGivesUp) {
         EXPECT_EQ(text.size() >= nothingChanged.size() && text.substr(text.size() - nothingChanged.size()) == nothingChanged,
                   !releasedSoon) << text;
         EXPECT_LT(seconds, releasedSoon ? 5.0 : 12.0) << text;
+    }
+}
+
+// Every descriptor limit from 4 to 16, on the image where every step has work. Which
+// files a run cannot open depends on how many descriptors it holds at that moment, so the
+// lines are checked rather than pinned: exit 0, and each refusal an unlimited run does
+// not make says "Too many open files", never a missing file or a link leading out.
+TEST(GoldenLimits, RunningOutOfDescriptorsIsSaidAsSuch) {
+    if (kSanitized || tool::emulated()) GTEST_SKIP() << "the sanitizer runtime or the emulator needs descriptors of its own";
+    const Case c = readCase("every-step.all");
+    auto logOf = [&](const std::vector<std::string>& limits) {
+        tool::WorkDir work;
+        EXPECT_EQ(prepare("every-step.all", c, work), "");
+        tool::Options options = c.options;
+        options.limits = limits;
+        tool::Run run = tool::run(work.path, options);
+        EXPECT_EQ(run.status, 0) << (limits.empty() ? "unlimited" : limits[0]);
+        return run.log;
+    };
+    const std::string unlimited = logOf({});
+    for (int n = 4; n <= 16; ++n) {
+        std::istringstream log(logOf({"--nofile=" + std::to_string(n)}));
+        for (std::string line; std::getline(log, line);) {
+            bool refusal = line.find("Cannot ") != std::string::npos || line.find("not exist") != std::string::npos;
+            if (!refusal || unlimited.find(line + "\n") != std::string::npos) continue;
+            EXPECT_NE(line.find(": Too many open files"), std::string::npos) << "nofile " << n << ": " << line;
+        }
     }
 }

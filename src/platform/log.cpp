@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -71,7 +72,51 @@ void deliverTo(Stream& stream, const char* data, size_t size) {
 
 Stream standardOutput = {STDOUT_FILENO, false};
 Stream standardError = {STDERR_FILENO, false};
-Stream logFile = {-1, false};  // opened for each record
+Stream logFile = {-1, false};  // see openLogFile
+
+// The log file, opened at its first record and kept, so that a run which has used up its
+// descriptors still logs why. Another path (a test setting another log) opens that one.
+struct LogFileState {
+    std::string path;
+    bool refused = false;
+};
+
+// Why the log file is not used, or null. The log may sit under /config, where anybody
+// who can write there could plant a link: root then must not append through it, nor to
+// a FIFO (which would hang the boot) or a device. Looked at before the open, so that
+// nothing but a regular file is ever opened, and again after it.
+const char* refusalOf(int fd) {
+    struct stat st;
+    if (fd < 0) return errno == ELOOP ? "a symbolic link" : errno == ENXIO ? "not a regular file" : nullptr;
+    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? nullptr : "not a regular file";
+}
+
+int openLogFile(const char* path) {
+    static LogFileState state;
+    if (state.path != path) {
+        if (logFile.fd >= 0) close(logFile.fd);
+        logFile = {-1, false};
+        state = {path, false};
+    }
+    if (logFile.fd >= 0 || state.refused) return logFile.fd;
+    struct stat st;
+    const char* why = lstat(path, &st) != 0 ? nullptr
+                      : S_ISLNK(st.st_mode)  ? "a symbolic link"
+                      : !S_ISREG(st.st_mode) ? "not a regular file"
+                                             : nullptr;
+    // Non-blocking: a FIFO put there after the look fails the open instead of hanging it.
+    int fd = why ? -1 : open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW, 0644);
+    if (!why) why = refusalOf(fd);
+    if (why) {
+        if (fd >= 0) close(fd);
+        state.refused = true;  // one line for the run, on standard error: the log is not usable
+        std::string line = "app_log[60/4] Cannot write [" + std::string(path) + "]: " + why + "\n";
+        deliverTo(standardError, line.data(), line.size());
+        return -1;
+    }
+    logFile.fd = fd;  // -1 when the open failed for want of a descriptor: tried again next record
+    return fd;
+}
 
 void deliver(int priority, const std::string& prefix, const std::string& text) {
     std::string record = prefix + text;
@@ -84,12 +129,7 @@ void deliver(int priority, const std::string& prefix, const std::string& text) {
         openlog("cfgupgrade", LOG_PID, LOG_USER);
         syslog(priority, "%s", record.c_str());
     } else {
-        // Non-blocking: a FIFO without a reader fails the open instead of hanging it.
-        int fd = open(sink, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
-        if (fd < 0) return;
-        logFile.fd = fd;
-        deliverTo(logFile, record.data(), record.size());
-        close(fd);
+        if (openLogFile(sink) >= 0) deliverTo(logFile, record.data(), record.size());
     }
 }
 
@@ -162,6 +202,9 @@ void prepareOutputStreams() {
     action.sa_handler = ignoreSignal;
     action.sa_flags = SA_RESTART;
     sigaction(SIGPIPE, &action, nullptr);
+    // Nor a file-size limit: a write past it fails with EFBIG, which every writer reports
+    // as the failed write it is (a log line dropped, a file left as it was).
+    sigaction(SIGXFSZ, &action, nullptr);
     cookie_io_functions_t functions = {nullptr, writeStandardOutput, nullptr, nullptr};
     if (FILE* out = fopencookie(nullptr, "w", functions)) {
         setvbuf(out, nullptr, isatty(STDOUT_FILENO) ? _IOLBF : _IOFBF, BUFSIZ);

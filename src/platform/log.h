@@ -16,7 +16,9 @@ void app_log(int module, int level, const char* format, ...) CFGUPGRADE_PRINTF(3
 
 // Makes standard output and standard error safe to write whatever they are: closed,
 // full, a pipe nobody reads. A line they cannot take is dropped; nothing stops or
-// hangs the run (no SIGPIPE, no blocked write beyond a short grace). The steps' own
+// hangs the run (no SIGPIPE, no SIGXFSZ, no blocked write beyond a short grace). The
+// log file is appended to only when it is a regular file reached without a link at its
+// name; anything else there is refused once, on standard error. The steps' own
 // printf and puts go the same way. The tool's entry point calls it first.
 void prepareOutputStreams();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -94,6 +95,51 @@ const Spelling& spellingOf(const std::string& logical) {
     return keys.emplace(logical, std::move(spelling)).first->second;
 }
 
+// The INI files held at once, by their footprint (IniText::footprint): the files of the
+// largest real image take a few hundred KiB. Half of it is kept free for the file being
+// read, so one file may take at most that half.
+const size_t kIniBudget = 12u << 20;
+const size_t kIniFileBudget = kIniBudget / 2;
+
+size_t heldFootprint() {
+    size_t held = 0;
+    for (const auto& file : cache().files)
+        if (file.second.text) held += file.second.text->footprint();
+    return held;
+}
+
+// Drops the files nobody but the cache holds and that hold no change: a later read
+// reads them again, as the disk has them.
+void dropUnheldFiles() {
+    auto& files = cache().files;
+    for (auto it = files.begin(); it != files.end();)
+        it = !it->second.dirty && it->second.text && it->second.text.use_count() == 1 ? files.erase(it) : std::next(it);
+    cache().lastEntry = nullptr;
+}
+
+// Makes room for one more file before it is read. Files of many megabytes (no real one
+// comes near) are dropped once read, and changed ones committed early, as a copy or a
+// removal commits them: memory stays bounded whatever the number of files a step reads.
+void makeRoomForAFile() {
+    if (heldFootprint() <= kIniBudget - kIniFileBudget) return;
+    dropUnheldFiles();
+    if (heldFootprint() <= kIniBudget - kIniFileBudget) return;
+    commitFiles();
+    dropUnheldFiles();
+}
+
+// The text of a file read, or why it cannot be held (logged once): more than one file's
+// share of the budget, or more than documents leave of it.
+int parseWithinBudget(const std::string& logical, std::string bytes, std::shared_ptr<ETL_FileHelper::IniText>& text) {
+    ETL_FileHelper::IniText parsed = ETL_FileHelper::IniText::parse(std::move(bytes), kIniFileBudget);
+    if (parsed.footprint() > kIniFileBudget || heldFootprint() + parsed.footprint() > kIniBudget) {
+        fs::reportOnce("read", logical, fs::kOverBudget);
+        return fs::kOverBudget;
+    }
+    text = std::make_shared<ETL_FileHelper::IniText>(std::move(parsed));
+    return 0;
+}
+
 const std::string& keyOf(const std::string& logical) { return spellingOf(logical).identity; }
 
 // True when an entry may serve this step: once per step, the name as this step first saw
@@ -109,24 +155,26 @@ bool stillCurrent(CachedFile& entry, const Stamp& seen) {
 // The entry of a path, read on first use and again after another writer changed it.
 CachedFile* findOrRead(const std::string& logical) {
     const Spelling& spelling = spellingOf(logical);
-    const std::string& key = spelling.identity;
+    // Copies: making room may commit, which forgets spellings.
+    const std::string key = spelling.identity;
+    const Stamp seen = spelling.seen;
     auto& files = cache().files;
     auto it = files.find(key);
-    if (it != files.end() && stillCurrent(it->second, spelling.seen)) return &it->second;
+    if (it != files.end() && stillCurrent(it->second, seen)) return &it->second;
     if (it != files.end()) files.erase(it);
     CachedFile entry;
     entry.logical = logical;
     // Seen before the read: a change in between makes the next comparison read it again.
-    entry.stamp = spelling.seen;
+    entry.stamp = seen;
     entry.checkedIn = cache().step;
+    makeRoomForAFile();
     // The bytes are dropped once parsed: the writer compares with the file itself, so
     // the cache holds each file once, as lines.
     std::string bytes;
     int err = fs::readFile(logical, bytes, fs::FileKind::kIni);
     if (!err)  // the text takes over the bytes as read: no second copy of the file
-        entry.text = std::make_shared<ETL_FileHelper::IniText>(ETL_FileHelper::IniText::parse(std::move(bytes)));
-    else
-        entry.unreadable = err != ENOENT;
+        err = parseWithinBudget(logical, std::move(bytes), entry.text);
+    entry.unreadable = err && err != ENOENT;
     return &files.emplace(key, std::move(entry)).first->second;
 }
 

@@ -419,7 +419,7 @@ void tellChanged(const std::string& logical, const std::optional<std::string>& b
 
 }  // namespace
 
-size_t sizeLimit(FileKind kind) { return kind == FileKind::kXml ? 8u << 20 : 4u << 20; }
+size_t sizeLimit(FileKind) { return 4u << 20; }
 
 int readFile(const std::string& logical, std::string& bytes, FileKind kind) {
     Location at;
@@ -441,7 +441,9 @@ bool pathExists(const std::string& logical) {
     }
     Lookup found;
     int err = lookup(logical, Access::kRead, found);
-    if (err == kLinkLeavesArea) {  // something is there; reading it is refused
+    if (err == kLinkLeavesArea || isResourceShortage(err)) {
+        // Something is, or may well be, there: reading it is refused or fails the same, and
+        // nothing is written over it.
         reportOnce("read", logical, err);
         return true;
     }
@@ -466,7 +468,9 @@ bool writeFileAtomically(const std::string& logical, std::string_view bytes, str
     std::optional<std::string> before = contentBefore(logical);
     mode_t mask = umask(0);
     umask(mask);
-    int err = writeResolved(logical, bytes, 0666 & ~mask, written);
+    // A file grown past what a read accepts (a key added to a file at its limit) would be
+    // unreadable from the next run on: it stays as it was.
+    int err = bytes.size() > sizeLimit(FileKind::kIni) ? EFBIG : writeResolved(logical, bytes, 0666 & ~mask, written);
     if (err) logFailure("write", logical, err);
     else tellChanged(logical, before, bytes, ChangeKind::kWritten);
     return err == 0;

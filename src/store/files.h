@@ -21,9 +21,10 @@ namespace store::fs {
 // What a file is read as; each kind has its own size limit (sizeLimit).
 enum class FileKind { kIni, kXml, kCopy };
 
-// 4 MiB for an INI file and for a file that is copied (account files, certificates, the
-// password key), 8 MiB for an XML file: far above any real one, low enough that no input
-// makes the process hold more than a few times that.
+// 4 MiB for every kind (INI, XML, a file copied: account files, certificates, the
+// password key): far above any real one (the largest, a rule file of 10,000 rules, is
+// 1.5 MiB). What a file costs once parsed is bounded apart: see documents.cpp and
+// xml_files.cpp.
 size_t sizeLimit(FileKind kind);
 
 // Whole content of a regular file: 0, ENOENT for a missing file (and for a version

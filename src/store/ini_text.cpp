@@ -16,6 +16,9 @@ const size_t kLargestAddressable = UINT32_MAX - 1;
 // Sections this short are searched line by line; an index would cost more than it saves.
 const size_t kUnindexedLines = 8;
 
+// What a record can cost parsed: itself, and up to four slots of a key index.
+const size_t kRecordFootprint = 16 + 4 * sizeof(uint32_t);
+
 // Blanks are spaces and tabs; everything else, CR included, is part of the text.
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -191,12 +194,18 @@ std::string_view iniSection::name() const { return sectionNameOf(header()).value
 void iniSection::parseLines() const {
     if (parsed_) return;
     std::vector<Line> lines;
-    lines.reserve(lineCount_);
+    lines.reserve(recordCount_);
     for (size_t pos = bodyBegin_; pos < end_;) {
         std::string_view raw = lineAt(*bytes_, pos, end_);
         LineEnd end;
         std::string_view text = stripEnding(raw, &end);
-        lines.push_back(Line{static_cast<uint32_t>(pos), static_cast<uint32_t>(text.size()), equalsOf(text), end, false});
+        uint32_t eq = equalsOf(text);
+        if (eq == Line::kNoKey && !lines.empty() && lines.back().eq == Line::kNoKey) {
+            lines.back().length = static_cast<uint32_t>(pos + text.size() - lines.back().begin);  // the run grows
+            lines.back().end = end;
+        } else {
+            lines.push_back(Line{static_cast<uint32_t>(pos), static_cast<uint32_t>(text.size()), eq, end, false});
+        }
         pos += raw.size();
     }
     lines_.swap(lines);
@@ -356,19 +365,22 @@ const std::shared_ptr<const std::string>& noBytes() {
 // Every document starts empty, and a document made only to be loaded costs no allocation.
 IniText::IniText() : bytes_(noBytes()) {}
 
-// One pass finds the section headers and counts the lines between them; the lines
-// themselves are looked at when their section is first used.
-IniText IniText::parse(std::string bytes) {
+// One pass finds the section headers and counts the lines between them and the records
+// they will take; the lines themselves are parsed when their section is first used.
+IniText IniText::parse(std::string bytes, size_t footprintLimit) {
     IniText doc;
     doc.bytes_ = std::make_shared<const std::string>(std::move(bytes));
     const std::string& b = *doc.bytes_;
+    doc.footprint_ = b.capacity();
     if (b.size() > kLargestAddressable) {
         doc.opaque_ = true;
         return doc;
     }
+    bool inRun = false;  // the previous line of the section held no key: a record is open
     if (std::string_view(b).substr(0, kByteOrderMark.size()) == kByteOrderMark)
         doc.bomLength_ = static_cast<uint32_t>(kByteOrderMark.size());
     doc.sections_.push_back(iniSection(&b, doc.bomLength_, doc.bomLength_, LineEnd::kNone));
+    doc.footprint_ += sizeof(iniSection);
     stripEnding(lineAt(b, doc.bomLength_, b.size()), &doc.newline_);  // an empty text has none
     for (size_t pos = doc.bomLength_; pos < b.size();) {
         std::string_view raw = lineAt(b, pos, b.size());
@@ -378,12 +390,29 @@ IniText IniText::parse(std::string bytes) {
         if ((raw[0] == '[' || isBlank(raw[0])) && sectionNameOf(stripEnding(raw, &end))) {
             doc.sections_.back().end_ = static_cast<uint32_t>(pos);
             doc.sections_.push_back(iniSection(&b, static_cast<uint32_t>(pos), static_cast<uint32_t>(next), end));
+            doc.footprint_ += sizeof(iniSection);
+            inRun = false;
         } else {
-            ++doc.sections_.back().lineCount_;
+            iniSection& section = doc.sections_.back();
+            ++section.lineCount_;
+            bool holdsKey = equalsOf(stripEnding(raw, &end)) != UINT32_MAX;
+            if (holdsKey || !inRun) {
+                ++section.recordCount_;
+                doc.footprint_ += kRecordFootprint;
+            }
+            inRun = !holdsKey;
+        }
+        // Stopped as soon as it is known not to fit: many tiny sections would cost far
+        // more than their bytes before the end.
+        if (doc.footprint_ > footprintLimit) {
+            IniText refused;
+            refused.footprint_ = doc.footprint_;
+            return refused;
         }
         pos = next;
     }
     doc.sections_.back().end_ = static_cast<uint32_t>(b.size());
+    doc.footprint_ += (doc.sections_.capacity() - doc.sections_.size()) * sizeof(iniSection);
     return doc;
 }
 

@@ -19,7 +19,8 @@
 namespace ETL_FileHelper {
 
 // Any node of a document: type() is 3 for a section, 2 for a key line and 1 for
-// every other line (comment, blank, or text the parser does not understand).
+// every other line (comment, blank, or text the parser does not understand); lines of
+// that kind that follow each other are one node.
 class iniObject {
 public:
     enum Type : int { kTextLine = 1, kKey = 2, kSection = 3 };
@@ -93,9 +94,10 @@ private:
     friend class iniLine;
     friend class IniText;
 
-    // One line: its text is `length` bytes at `begin` of the file, or, once changed,
-    // its own text in `edits_[begin]`. `eq` is the place of its '=', kNoKey when the
-    // line holds no key.
+    // One key line, or a run of lines that hold none (so that a file of blank lines costs
+    // one record, not one per line): its text is `length` bytes at `begin` of the file,
+    // line breaks inside a run included, or, once changed, its own text in
+    // `edits_[begin]`. `eq` is the place of its '=', kNoKey when it holds no key.
     struct Line {
         static constexpr uint32_t kNoKey = UINT32_MAX;
         uint32_t begin;
@@ -146,6 +148,7 @@ private:
     uint32_t bodyBegin_;        // where the first line after the header starts
     uint32_t end_;              // where the next section starts
     uint32_t lineCount_ = 0;    // lines of the body, counted when the file was read
+    uint32_t recordCount_ = 0;  // records its lines take once parsed (see Line)
     LineEnd headerEnd_;
     bool added_ = false;        // made by a set: the header is edits_[0]
     bool changed_ = false;      // written back line by line, not as the bytes it was
@@ -161,8 +164,15 @@ private:
 class IniText {
 public:
     IniText();
-    static IniText parse(std::string bytes);
+    // A text whose footprint would pass `footprintLimit` is not parsed past it: it comes
+    // back empty, with a footprint() above the limit.
+    static IniText parse(std::string bytes, size_t footprintLimit = SIZE_MAX);
     std::string serialize() const;
+
+    // The most memory the text can take, its lines parsed and indexed, as read: the
+    // bytes, the sections, 32 bytes per record (see iniSection::Line). Sets add their
+    // own few bytes to it.
+    size_t footprint() const { return footprint_; }
 
     // The value of the first matching key; empty when the section or key is absent.
     std::optional<std::string_view> find(std::string_view section, std::string_view key) const;
@@ -188,6 +198,7 @@ private:
     LineEnd newline_ = LineEnd::kNone;  // ending used for added lines: the file's first one, else LF
     bool opaque_ = false;               // too long to address: kept whole, never searched or set
     unsigned long revision_ = 0;
+    size_t footprint_ = 0;
     std::vector<iniSection> sections_;  // [0] holds the lines before the first section; none when empty
     mutable NameIndex sectionIndex_;
     mutable uint32_t sectionsScanned_ = 0;

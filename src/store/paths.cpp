@@ -56,6 +56,7 @@ std::optional<FileId> idOf(int fd) {
 // The root, opened once per run: every lookup starts from this descriptor.
 struct Root {
     int fd = -1;
+    int openError = 0;  // why the root could not be opened (out of descriptors, say); 0 when it was
     FileId id;
     std::set<std::string> reported;  // refusals already logged
 };
@@ -67,13 +68,16 @@ Root& rootState() {
 
 // The root of this run (CFGUPGRADE_ROOT, or "/"), opened at its first use after the store
 // was last reset: a reset is the only thing that forgets it.
+// A root that could not be opened is tried once per reset, and every path under it
+// fails with that reason: the refusals are logged once each, not taken for missing files.
 Root& root() {
     Root& r = rootState();
-    if (r.fd >= 0) return r;
+    if (r.fd >= 0 || r.openError) return r;
     forgetRoot();
     const char* path = std::getenv("CFGUPGRADE_ROOT");
     r.fd = open(path && *path ? path : "/", O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (r.fd >= 0) r.id = idOf(r.fd).value_or(FileId{});
+    else r.openError = isResourceShortage(errno) ? errno : 0;
     return r;
 }
 
@@ -161,7 +165,7 @@ int walkInRoot(int rootFd, const FileId& rootId, const std::string& rel, int& ou
 // A directory path below the root, resolved by the kernel where it can.
 int openDirInRoot(const std::string& rel, int& out) {
     Root& r = root();
-    if (r.fd < 0) return ENOENT;
+    if (r.fd < 0) return r.openError ? r.openError : ENOENT;
     if (useOpenat2()) {
         int err = openat2InRoot(r.fd, rel, out);
         if (err != ENOSYS && err != EPERM && err != E2BIG) return err;
@@ -201,20 +205,24 @@ KnownDir* knownDir(const std::string& rel, int& err) {
     return &knownDirs().back().second;
 }
 
-// True when `dir` is `home` or lies below it. Climbs with ".." as the kernel sees the
-// tree (through mount points), so no spelling of a path can pass for another.
-bool isWithin(int dir, const FileId& home, const FileId& rootId) {
+// 0 when `dir` is `home` or lies below it, kLinkLeavesArea when it does not, or the
+// errno that kept the climb from telling (no descriptor left: not a link's doing).
+// Climbs with ".." as the kernel sees the tree (through mount points), so no spelling
+// of a path can pass for another.
+int isWithin(int dir, const FileId& home, const FileId& rootId) {
     Fd current(fcntl(dir, F_DUPFD_CLOEXEC, 0));
-    for (int depth = 0; current.get() >= 0 && depth < kMaxDepth; ++depth) {
+    if (current.get() < 0) return errno;
+    for (int depth = 0; depth < kMaxDepth; ++depth) {
         std::optional<FileId> id = idOf(current.get());
-        if (!id) return false;
-        if (*id == home) return true;
-        if (*id == rootId) return false;
+        if (!id) return errno;
+        if (*id == home) return 0;
+        if (*id == rootId) return kLinkLeavesArea;
         Fd up(openat(current.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (up.get() < 0 || idOf(up.get()) == id) return false;  // the top of the filesystem
+        if (up.get() < 0) return errno;
+        if (idOf(up.get()) == id) return kLinkLeavesArea;  // the top of the filesystem
         current.reset(up.release());
     }
-    return false;
+    return kLinkLeavesArea;
 }
 
 const Area* areaOf(std::string_view logical) {
@@ -257,6 +265,8 @@ void splitLast(const std::string& rel, std::string& dir, std::string& name) {
 
 }  // namespace
 
+bool isResourceShortage(int err) { return err == EMFILE || err == ENFILE || err == ENOMEM; }
+
 const char* describe(int err) {
     switch (err) {
         case kOutsideWritableAreas: return "outside the areas this tool may write";
@@ -267,6 +277,7 @@ const char* describe(int err) {
         case kNotAbsolute: return "not an absolute path";
         case kNulReference: return "a character reference to NUL";
         case kSameFile: return "they are the same file";
+        case kOverBudget: return "too large to hold within the memory the run allows itself";
         default: return std::strerror(err);
     }
 }
@@ -309,7 +320,7 @@ int locate(std::string_view logical, Access access, Found& out) {
         int err = 0;
         if (!(dir = knownDir(dirRel, err))) {
             // A link whose target is not there still says where it leads.
-            bool leaves = links > 0 && area && areaOf("/" + dirRel + "/" + name) != area;
+            bool leaves = links > 0 && area && !isResourceShortage(err) && areaOf("/" + dirRel + "/" + name) != area;
             return leaves ? kLinkLeavesArea : err;
         }
         int fd = dir->fd;
@@ -331,8 +342,9 @@ int locate(std::string_view logical, Access access, Found& out) {
         if (known == dir->within.end()) {
             FileId home;
             if (int err = areaHome(*area, home)) return err;
-            bool inside = area->tree ? isWithin(dir->fd, home, root().id) : idOf(dir->fd) == std::optional<FileId>(home);
-            known = dir->within.insert(dir->within.end(), {area, inside});
+            int within = area->tree ? isWithin(dir->fd, home, root().id) : idOf(dir->fd) == std::optional<FileId>(home) ? 0 : kLinkLeavesArea;
+            if (within > 0) return within;  // not known either way: asked again next time
+            known = dir->within.insert(dir->within.end(), {area, within == 0});
         }
         if (!known->second || (!area->tree && name != baseName(area->path))) return kLinkLeavesArea;
     }
@@ -378,7 +390,7 @@ int openDirectory(std::string_view logical, int& dir) {
     FileId home;
     if (area && area->tree) {
         if (int err = areaHome(*area, home)) return err;
-        if (!isWithin(fd, home, root().id)) return kLinkLeavesArea;
+        if (int within = isWithin(fd, home, root().id)) return within;
     }
     dir = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return dir < 0 ? errno : 0;
@@ -440,6 +452,7 @@ void forgetRoot() {
     Root& r = rootState();
     if (r.fd >= 0) close(r.fd);
     r.fd = -1;
+    r.openError = 0;
     r.reported.clear();
 }
 

@@ -34,6 +34,11 @@ constexpr int kTooDeep = -5;
 constexpr int kNotAbsolute = -6;
 constexpr int kNulReference = -7;
 constexpr int kSameFile = -8;
+constexpr int kOverBudget = -9;
+
+// Out of descriptors or memory: the process's or the system's want, which says nothing
+// of the file, so it is reported as what it is, never taken for a missing file or a link.
+bool isResourceShortage(int err);
 
 // The text for an errno value or a refusal above.
 const char* describe(int err);

@@ -9,8 +9,9 @@
 namespace store {
 
 // Parses the file as load_file(path, parse_default, encoding_auto) would; a missing or
-// unreadable file, one over 8 MiB, or one nested deeper than 256 elements gives
-// status_file_not_found (all but the missing one logged).
+// unreadable file, one over 4 MiB or needing more memory than XML may take, or one
+// nested deeper than 256 elements gives status_file_not_found (all but the missing one
+// logged).
 pugi::xml_parse_result loadXmlFile(const std::string& logical, pugi::xml_document& doc);
 
 // As loadXmlFile, but the document is parsed inside `bytes`, which must outlive it: a

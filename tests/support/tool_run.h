@@ -16,7 +16,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -66,32 +68,74 @@ struct WorkDir {
 };
 
 // How the tool is started: its arguments, more environment, a command it runs under
-// (strace), a limit on its address space, and what its output streams are.
+// (strace), a limit on its address space, other resource limits (prlimit's options,
+// "--nofile=5"), a memory cgroup to run in (its cgroup.procs), and what its output
+// streams are.
 enum class Streams { kFiles, kClosedPipes, kFullPipes, kClosed };
 struct Options {
-    std::vector<std::string> args, env, wrap;
+    std::vector<std::string> args, env, wrap, limits;
     unsigned long addressSpace = 0;
+    std::string cgroupProcs;
+    bool peakRss = false;  // measured by the peak_rss helper (not under an emulator)
     Streams streams = Streams::kFiles;
 };
 
 struct Run {
     int status = -1;  // the exit status; 128 + N when signal N ended it; -1 when it hung
-    std::string log, out;
+    long peakRssKib = 0;  // the tool's peak resident size (a wrapper's if larger); 0 unmeasured
+    std::string log, out, err;
+};
+
+// A memory cgroup below this process's own, limited to `bytes` and removed with the object.
+// `procs` is empty, and `why` says why, where the machine gives this process none to make.
+struct MemoryCgroup {
+    std::string dir, procs, why;
+    explicit MemoryCgroup(unsigned long bytes) {
+        std::ifstream self("/proc/self/cgroup");
+        std::string base, limitFile;
+        for (std::string line; std::getline(self, line);) {
+            size_t v1 = line.find(":memory:");
+            if (v1 != std::string::npos) base = "/sys/fs/cgroup/memory" + line.substr(v1 + 8), limitFile = "memory.limit_in_bytes";
+            else if (line.rfind("0::", 0) == 0 && base.empty()) base = "/sys/fs/cgroup" + line.substr(3), limitFile = "memory.max";
+        }
+        std::string made = base + "/cfgupgrade-test-" + std::to_string(getpid());
+        if (base.empty() || mkdir(made.c_str(), 0755) != 0) {
+            why = "no memory cgroup can be made here (" + (base.empty() ? "none in /proc/self/cgroup" : made + ": " + strerror(errno)) + ")";
+            return;
+        }
+        dir = made;
+        std::ofstream limit(dir + "/" + limitFile);
+        if (!(limit << bytes << std::flush)) why = "the memory cgroup takes no limit (" + dir + "/" + limitFile + ")";
+        else procs = dir + "/cgroup.procs";
+    }
+    ~MemoryCgroup() {
+        if (!dir.empty()) rmdir(dir.c_str());
+    }
 };
 
 // The tool's command line and environment: the wrapper (strace), a limit on its address
 // space (prlimit, which limits the tool alone), the tool, its arguments.
 inline void commandLine(const std::string& work, const Options& o, std::vector<std::string>& words,
                         std::vector<std::string>& env) {
-    env = {"CFGUPGRADE_ROOT=" + work + "/root"};
+    env = o.env;  // first: the first of a name is the one getenv finds, so a case may set the log
+    env.push_back("CFGUPGRADE_ROOT=" + work + "/root");
     if (o.streams == Streams::kFiles) env.push_back("CFGUPGRADE_LOG=" + work + "/log");
     // LeakSanitizer cannot stop a process that strace traces.
     if (!o.wrap.empty()) env.push_back("ASAN_OPTIONS=detect_leaks=0");
     for (char** e = environ; *e; ++e)
         if (std::string(*e).rfind("CFGUPGRADE_", 0) != 0 && std::string(*e).rfind("ASAN_OPTIONS=", 0) != 0) env.push_back(*e);
-    env.insert(env.end(), o.env.begin(), o.env.end());
-    words = o.wrap;
-    if (o.addressSpace) words.insert(words.end(), {"prlimit", "--as=" + std::to_string(o.addressSpace), "--"});
+    words.clear();
+    if (o.peakRss) words = {CFGUPGRADE_PEAK_RSS, work + "/rss"};
+    words.insert(words.end(), o.wrap.begin(), o.wrap.end());
+    // The shell moves itself into the cgroup, then becomes the tool.
+    if (!o.cgroupProcs.empty()) words.insert(words.end(), {"sh", "-c", "echo $$ > \"$0\" && exec \"$@\"", o.cgroupProcs});
+    std::vector<std::string> limits = o.limits;
+    if (o.addressSpace) limits.push_back("--as=" + std::to_string(o.addressSpace));
+    if (!limits.empty()) {
+        words.push_back("prlimit");
+        words.insert(words.end(), limits.begin(), limits.end());
+        words.push_back("--");
+    }
     for (const auto& w : command()) words.push_back(w);
     words.insert(words.end(), o.args.begin(), o.args.end());
 }
@@ -134,6 +178,9 @@ inline pid_t startTool(const std::string& work, const Options& o, const int ends
         posix_spawn_file_actions_addclose(&actions, ends[1]);
         if (ends[0] >= 0) posix_spawn_file_actions_addclose(&actions, ends[0]);
     }
+    // Nothing else of this process (ctest hands it descriptors): a descriptor limit then
+    // means the same everywhere.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     posix_spawn_file_actions_addchdir_np(&actions, (work + "/root").c_str());
     mode_t mask = umask(022);
     pid_t pid = -1;
@@ -176,6 +223,8 @@ inline Run run(const std::string& work, const Options& o = {}) {
     if (ends[0] >= 0) close(ends[0]);
     result.log = slurp(work + "/log");
     result.out = slurp(work + "/out");
+    result.err = slurp(work + "/err");
+    if (o.peakRss) result.peakRssKib = std::atol(slurp(work + "/rss").c_str()), fs::remove(work + "/rss");
     return result;
 }
 

@@ -125,13 +125,6 @@ void writeExpected(const std::string& dir, const std::string& text, const std::m
     }
 }
 
-std::vector<std::string> caseNames() {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(kGolden + "/cases")) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 // Copies the case's images and plant over the root and runs its setup; the setup line
 // that failed (it needs what this machine lacks), or the empty text.
 std::string prepare(const std::string& name, const Case& c, const tool::WorkDir& work) {
@@ -172,7 +165,7 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
         if (cgroup->procs.empty()) GTEST_SKIP() << cgroup->why;
         c.options.cgroupProcs = cgroup->procs;
     }
-    const bool update = std::getenv("CFGUPGRADE_GOLDEN") && std::string(std::getenv("CFGUPGRADE_GOLDEN")) == "update";
+    const bool update = tool::updatingGolden();
     for (bool walk : {false, true}) {
         tool::WorkDir work;
         if (std::string failed = prepare(GetParam(), c, work); !failed.empty())
@@ -197,11 +190,8 @@ TEST_P(Golden, EachRunEndsInItsExpectedTree) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, Golden, ::testing::ValuesIn(caseNames()), [](const auto& info) {
-    std::string name = info.param;
-    std::replace_if(name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
-    return name;
-});
+INSTANTIATE_TEST_SUITE_P(Cases, Golden, ::testing::ValuesIn(tool::caseNames(kGolden + "/cases")),
+                         [](const auto& info) { return tool::testName(info.param); });
 
 // The steps that answer, on the roots of golden cases. A run ignores every answer, so
 // only a call in this process sees one.

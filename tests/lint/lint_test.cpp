@@ -46,13 +46,6 @@ std::string argsOf(const std::string& dir) {
            std::string(fs::exists(dir + "/encryptConfig.xml") ? " --keys encryptConfig.xml" : "");
 }
 
-std::vector<std::string> caseNames() {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(kCases)) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 }  // namespace
 
 class LintCase : public ::testing::TestWithParam<std::string> {};
@@ -60,17 +53,11 @@ class LintCase : public ::testing::TestWithParam<std::string> {};
 TEST_P(LintCase, PrintsItsExpectedFindings) {
     const std::string dir = kCases + "/" + GetParam();
     std::string result = runLint(dir, argsOf(dir));
-    const char* golden = std::getenv("CFGUPGRADE_GOLDEN");
-    if (golden && std::string(golden) == "update") std::ofstream(dir + "/expected", std::ios::binary) << result;
-    EXPECT_EQ(result, tool::slurp(dir + "/expected"));
+    EXPECT_EQ(result, tool::expected(dir + "/expected", result));
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, LintCase, ::testing::ValuesIn(caseNames()), [](const auto& info) {
-    std::string name = info.param;
-    std::replace_if(
-        name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
-    return name;
-});
+INSTANTIATE_TEST_SUITE_P(Cases, LintCase, ::testing::ValuesIn(tool::caseNames(kCases)),
+                         [](const auto& info) { return tool::testName(info.param); });
 
 // The example image is clean, and no rule file or key list of the fuzz corpus or of the
 // tool's golden cases makes the linter end otherwise than with its findings.

@@ -35,26 +35,14 @@ std::string runCase(const std::string& name) {
            "--- standard error\n" + tool::slurp(work.path + "/err");
 }
 
-std::vector<std::string> caseNames() {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(kCases)) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 }  // namespace
 
 class PlanCase : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(PlanCase, PrintsItsExpectedOutput) {
-    std::string output = runCase(GetParam()), expected = kCases + "/" + GetParam() + "/expected";
-    const char* golden = std::getenv("CFGUPGRADE_GOLDEN");
-    if (golden && std::string(golden) == "update") std::ofstream(expected, std::ios::binary) << output;
-    EXPECT_EQ(output, tool::slurp(expected));
+    std::string output = runCase(GetParam());
+    EXPECT_EQ(output, tool::expected(kCases + "/" + GetParam() + "/expected", output));
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, PlanCase, ::testing::ValuesIn(caseNames()), [](const auto& info) {
-    std::string name = info.param;
-    std::replace_if(name.begin(), name.end(), [](char c) { return !isalnum(static_cast<unsigned char>(c)); }, '_');
-    return name;
-});
+INSTANTIATE_TEST_SUITE_P(Cases, PlanCase, ::testing::ValuesIn(tool::caseNames(kCases)),
+                         [](const auto& info) { return tool::testName(info.param); });

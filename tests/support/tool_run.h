@@ -52,6 +52,32 @@ inline std::string slurp(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+// The case directories of a golden table, in name order.
+inline std::vector<std::string> caseNames(const std::string& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// A case's name as a test's name: letters and digits, the rest '_'.
+inline std::string testName(std::string name) {
+    std::replace_if(name.begin(), name.end(), [](char ch) { return !isalnum(static_cast<unsigned char>(ch)); }, '_');
+    return name;
+}
+
+inline bool updatingGolden() {
+    const char* golden = std::getenv("CFGUPGRADE_GOLDEN");
+    return golden && std::string(golden) == "update";
+}
+
+// The expected text of a golden file; under CFGUPGRADE_GOLDEN=update, `actual` first
+// becomes it.
+inline std::string expected(const std::string& path, const std::string& actual) {
+    if (updatingGolden()) std::ofstream(path, std::ios::binary) << actual;
+    return slurp(path);
+}
+
 // A fresh directory, removed with the object.
 struct WorkDir {
     std::string path;

@@ -28,17 +28,21 @@ struct Scope {
 
 // Calls `visit(section, key)` for every key line of a section in scope, in file order
 // (lines before the first section are never read, so they are not keys). A name met
-// twice is visited twice.
+// twice is visited twice. Lines a read never reaches (in a later section of a name
+// already seen, or without a name) are visited in any case: they read as absent on
+// both sides, so they are told as removed whenever the file changes.
 template <typename Visit>
 void eachKey(IniText& text, const Scope* scope, Visit visit) {
+    std::set<std::string_view> seen;
     for (iniObject* object : text.objects()) {
         if (object->type() != iniObject::kSection) continue;
         auto* section = static_cast<ETL_FileHelper::iniSection*>(object);
-        if (scope && section->name() != scope->section) continue;
+        bool unread = !seen.insert(section->name()).second;
+        if (scope && !unread && section->name() != scope->section) continue;
         for (iniObject* line : section->objects()) {
             if (line->type() != iniObject::kKey) continue;
             std::string_view key = static_cast<ETL_FileHelper::iniLine*>(line)->name();
-            if (!scope || scope->keys.find(key) != scope->keys.end()) visit(section->name(), key);
+            if (!scope || unread || key.empty() || scope->keys.find(key) != scope->keys.end()) visit(section->name(), key);
         }
     }
 }
@@ -55,7 +59,7 @@ ChangedLines changedLines(std::string_view before, std::string_view after) {
     while (suffix < most - prefix && before[before.size() - 1 - suffix] == after[after.size() - 1 - suffix]) ++suffix;
     size_t newline = prefix ? before.rfind('\n', prefix - 1) : std::string_view::npos;
     ChangedLines lines{newline == std::string_view::npos ? 0 : newline + 1, before.size() - suffix, after.size() - suffix};
-    auto atLineStart = [](std::string_view text, size_t at) { return at == text.size() || text[at - 1] == '\n'; };
+    auto atLineStart = [](std::string_view text, size_t at) { return at == 0 || at == text.size() || text[at - 1] == '\n'; };
     if (!atLineStart(before, lines.beforeEnd) || !atLineStart(after, lines.afterEnd)) {
         // Both ends move by the same bytes: what follows them is the same on both sides.
         size_t end = before.find('\n', lines.beforeEnd);

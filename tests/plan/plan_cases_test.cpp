@@ -40,6 +40,7 @@ std::string runCase(const std::string& name) {
 class PlanCase : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(PlanCase, PrintsItsExpectedOutput) {
+    if (tool::emulated()) GTEST_SKIP() << "cfgupgrade-plan is a host program: its forked runs crash qemu-user";
     std::string output = runCase(GetParam());
     EXPECT_EQ(output, tool::expected(kCases + "/" + GetParam() + "/expected", output));
 }

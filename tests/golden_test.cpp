@@ -251,16 +251,17 @@ pid_t holdLock(const std::string& dir, int ms) {
         usleep(ms * 1000);
         _exit(0);
     }
+    close(ready[1]);  // so that a child that dies first gives end of file, not a wait
     char taken = 0;
     bool ok = pid > 0 && read(ready[0], &taken, 1) == 1 && taken;
     close(ready[0]);
-    close(ready[1]);
     return ok ? pid : -1;
 }
 
 // One run at a time per root: a run waits for the one holding /config, and gives up with
 // one line, changing nothing, when it is held past the wait's bound (10 s).
 TEST(GoldenLock, ARunWaitsForTheRunHoldingTheRootThenGivesUp) {
+    if (tool::emulated()) GTEST_SKIP() << "qemu-user's forked child dies before it holds the lock";
     const std::string refused = "Cannot lock [/config]: another run has held it for 10 s; this run changes nothing\n";
     for (bool releasedSoon : {true, false}) {
         tool::WorkDir work;

@@ -6,6 +6,7 @@
 
 #include "lint/lint.h"
 #include "lint/names.h"
+#include "passwords/passwords.h"
 #include "store/paths.h"
 #include "translate/translate_rule.h"
 
@@ -31,9 +32,10 @@ Setting destinationOf(const TranslateRule& rule) {
     return {store::fs::canonicalPath(rule.dstFile), std::string(rule.dstSec), std::string(rule.dstKey)};
 }
 
+// The account files the protection switch re-encodes an account key in.
 std::vector<std::string> accountFilesReencoded() {
     std::vector<std::string> files;
-    for (int account = 0; account <= 3; ++account)
+    for (int account = kFirstReencodedAccount; account <= kLastReencodedAccount; ++account)
         files.push_back("/config/user/voip/sipAccount" + std::to_string(account) + ".cfg");
     return files;
 }

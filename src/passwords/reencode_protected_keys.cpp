@@ -12,10 +12,6 @@
 
 namespace {
 
-// Per-account keys live in the first four account files only.
-const int kFirstAccount = 0;
-const int kLastAccount = 3;
-
 // The file last loaded, kept from the first key to the end of the process, so that
 // consecutive keys of one file cost one load. Every key is saved before the next, so
 // no change ever waits here. Paths are compared as text: another spelling of the same
@@ -79,7 +75,7 @@ int reencodeProtectedKey(int mode, const char* file, const char* section, const 
 }
 
 void reencodeAccountKey(int mode, const CIniConfigInfo& entry) {
-    for (int account = kFirstAccount; account <= kLastAccount; ++account) {
+    for (int account = kFirstReencodedAccount; account <= kLastReencodedAccount; ++account) {
         char path[256] = {};
         std::snprintf(path, sizeof path, "%s%d.cfg", "/config/user/voip/sipAccount", account);
         reencodeProtectedKey(mode, path, entry.strSection, entry.strKey, entry.strDefault);

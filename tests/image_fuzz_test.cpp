@@ -429,7 +429,8 @@ INSTANTIATE_TEST_SUITE_P(Seeds, ImageFuzz,
                                            14u,   // modes 1 and 2 at once ended as neither order ends
                                            27u,   // a password too long to protect, erased by an in-place rule
                                            45u,   // a key file that is missing: protecting rules erased their values
-                                           52u));  // a UTF-8 value the tool protected, erased when protected again by a rerun  // a flagged account gathered over by a link's target
+                                           52u,   // a UTF-8 value the tool protected, erased when protected again by a rerun
+                                           3391328064u));  // directip.cfg a dangling link to an account name: gathered into it, then removed
 
 TEST(ImageFuzzRandom, ForTheGivenSeconds) {
     if (const char* replay = std::getenv("CFGUPGRADE_FUZZ_SEED")) return checkSeed(std::strtoul(replay, nullptr, 10));

@@ -126,7 +126,8 @@ bool copyFile(const std::string& dst, const std::string& src);
 // link: its target stays.
 bool removeFile(const std::string& logical);
 
-// True when both paths lead to one file: a link or a hard link makes two names one.
+// True when both paths lead to one file: a link or a hard link makes two names one,
+// also a dangling link and the name it leads to, where no file is yet.
 bool sameFile(const std::string& a, const std::string& b);
 
 // Raw bytes of a file (XML, certificates), including changes not yet committed.

@@ -521,8 +521,12 @@ bool removeFile(const std::string& logical) {
 
 bool sameFile(const std::string& a, const std::string& b) {
     Lookup first, second;
-    return lookup(a, Access::kRead, first) == 0 && lookup(b, Access::kRead, second) == 0 && first.present &&
-           second.present && first.st.st_dev == second.st.st_dev && first.st.st_ino == second.st.st_ino;
+    std::optional<std::string> firstId = identity(a, &first), secondId = identity(b, &second);
+    if (!firstId || !secondId) return false;
+    // One resolved name is one file even before it exists: a write through a dangling
+    // link creates the file the other name stands for.
+    if (*firstId == *secondId) return true;
+    return first.present && second.present && first.st.st_dev == second.st.st_dev && first.st.st_ino == second.st.st_ino;
 }
 
 namespace {

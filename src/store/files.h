@@ -54,7 +54,8 @@ bool copyFileAtomically(const std::string& dst, const std::string& src);
 // link (inside the writable areas, wherever it leads); its target stays.
 bool removeFile(const std::string& logical);
 
-// True when both paths lead to one file (same device and inode, links followed).
+// True when both paths lead to one file (same device and inode, links followed), or
+// to one name where no file is yet (a dangling link and the name it leads to).
 bool sameFile(const std::string& a, const std::string& b);
 
 // Names of a directory's entries, except "." and "..", in the order the system returns them.

@@ -430,7 +430,8 @@ INSTANTIATE_TEST_SUITE_P(Seeds, ImageFuzz,
                                            27u,   // a password too long to protect, erased by an in-place rule
                                            45u,   // a key file that is missing: protecting rules erased their values
                                            52u,   // a UTF-8 value the tool protected, erased when protected again by a rerun
-                                           3391328064u));  // directip.cfg a dangling link to an account name: gathered into it, then removed
+                                           3391328064u,   // directip.cfg a dangling link to an account name: gathered into it, then removed
+                                           1125330137u));  // the switch protected a protected UTF-8 PIN again; a rule copying it changed on run 3
 
 TEST(ImageFuzzRandom, ForTheGivenSeconds) {
     if (const char* replay = std::getenv("CFGUPGRADE_FUZZ_SEED")) return checkSeed(std::strtoul(replay, nullptr, 10));

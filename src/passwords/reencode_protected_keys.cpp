@@ -41,7 +41,13 @@ bool holdFile(LastFile& cache, const char* file) {
 // Runs the routine of the mode over `input`; the trace shows the outcome either way.
 int reencode(int mode, const char* input, char* output) {
     if (mode == kReencodeEncrypt) {
-        int result = pw_data_encrypt(input, output);
+        // A value protected with this key is in the form asked for. The routine would
+        // protect one whose plain text has a UTF-8 letter a second time, as only the
+        // translation's test needs: here it would hand whoever opens it once another
+        // password, and a rule that copies the key would follow it only a boot later.
+        int result = 0;
+        if (pw_data_is_protected(input)) std::memcpy(output, input, std::strlen(input) + 1);
+        else result = pw_data_encrypt(input, output);
         ETL_TraceHelper::etlTrace(2, "Encrypt:(%s)->(%s)", input, output);
         return result;
     }

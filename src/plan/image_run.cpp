@@ -37,11 +37,12 @@ struct Collected {
     std::vector<record::Change> changes;
     std::vector<std::string> order;  // files, in the order of their first change
     std::map<std::string, FileStates> files;
+    record::Describer describer;
 };
 
 void listen(Collected& collected) {
     store::fs::setChangeListener([&collected](const store::fs::FileChange& change) {
-        record::describeChange(change, runningStep(), collected.changes);
+        collected.describer.describe(change, runningStep(), collected.changes);
         auto [entry, added] = collected.files.try_emplace(change.logical);
         if (added) {
             entry->second.first = change.before;

@@ -131,11 +131,8 @@ Change fileChange(const char* step, const std::string& op, const std::string& fi
 }
 
 // Key by key, as a read sees them (the first key of a name in the first section of a
-// name): each side's keys are looked up in the other through its name index, so a file
-// of thousands of keys costs a walk of each side, not a comparison of every pair.
-void describeKeys(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
-    IniText before = change.before ? IniText::parse(*change.before) : IniText();
-    IniText after = IniText::parse(std::string(*change.after));
+// name), where the two sides can read differently.
+void describeKeys(const store::fs::FileChange& change, const char* step, IniText& before, IniText& after, std::vector<Change>& out) {
     std::optional<Scope> scope = changedScope(before, after);
     const Scope* in = scope ? &*scope : nullptr;
     std::set<std::pair<std::string_view, std::string_view>> told;  // a name met twice is told once
@@ -162,9 +159,12 @@ void describeKeys(const store::fs::FileChange& change, const char* step, std::ve
 
 bool isIniName(const std::string& file) { return endsWith(file, ".ini") || endsWith(file, ".cfg"); }
 
-void describeChange(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
+void Describer::describe(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
     using store::fs::ChangeKind;
     const std::string& file = change.logical;
+    auto left = left_.find(file);
+    std::optional<Left> last;
+    if (left != left_.end()) last = std::move(left->second), left_.erase(left);
     if (change.kind == ChangeKind::kRemoved) {
         out.push_back(fileChange(step, "removed", file));
     } else if (change.kind == ChangeKind::kCopied) {
@@ -173,11 +173,20 @@ void describeChange(const store::fs::FileChange& change, const char* step, std::
         out.push_back(std::move(c));
     } else {
         if (!change.before) out.push_back(fileChange(step, "file created", file));
-        if (isIniName(file))
-            describeKeys(change, step, out);
-        else if (change.before)
+        if (isIniName(file)) {
+            bool leftAsFound = last && change.before && last->bytes == *change.before;
+            IniText before = leftAsFound ? std::move(last->text) : change.before ? IniText::parse(*change.before) : IniText();
+            Left now{std::string(*change.after), IniText::parse(std::string(*change.after))};
+            describeKeys(change, step, before, now.text, out);
+            left_.emplace(file, std::move(now));
+        } else if (change.before) {
             out.push_back(fileChange(step, endsWith(file, ".xml") ? "XML rewritten" : "file rewritten", file));
+        }
     }
+}
+
+void describeChange(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
+    Describer().describe(change, step, out);
 }
 
 }  // namespace record

@@ -71,7 +71,9 @@ private:
 // is never a link (a link the area lets be followed has been followed) and never "."
 // or "..". The file itself need not exist.
 struct Location {
-    Fd dir;                   // the directory, opened for reading (listing, fsync)
+    int dir = -1;             // the directory as the store knows it (O_PATH: for names, not
+                              // listing or fsync); the store's until its next commit
+    std::string dirKey;       // the directory's device and inode, "DEV:INO/": one for every spelling
     std::string name;
     bool privateFile = false; // may hold a password: created 0600
     bool ownFileOnly = false; // the version record: see ownedAndGuarded()

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "store/report.h"
+#include "store/staging.h"
 
 namespace store::fs {
 
@@ -454,7 +455,12 @@ void reportOnce(const char* what, std::string_view logical, int err) {
     report("Cannot %s [%.*s]: %s", what, static_cast<int>(logical.size()), logical.data(), describe(err));
 }
 
-void forgetDirectories() { dropKnownDirs(); }
+void forgetDirectories() {
+    // A staged run changes nothing on disk (it creates no directory, and its files are
+    // kept in memory): what it resolved stays true to its end.
+    if (staging()) return;
+    dropKnownDirs();
+}
 
 void forgetRoot() {
     dropKnownDirs();

@@ -118,7 +118,7 @@ std::string canonicalPath(std::string_view logical);
 void reportOnce(const char* what, std::string_view logical, int err);
 
 // Drops the directories resolved so far: the store calls it at every commit, so that a
-// step sees the tree as the previous steps left it.
+// step sees the tree as the previous steps left it. A staged run keeps them.
 void forgetDirectories();
 
 // Drops the open root and what is known of it (a new root, a new test).

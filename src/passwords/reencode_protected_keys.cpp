@@ -12,13 +12,15 @@
 
 namespace {
 
-// The file last loaded, kept from the first key to the end of the process, so that
+// The file last loaded, kept from the first key to the end of the run, so that
 // consecutive keys of one file cost one load. Every key is saved before the next, so
 // no change ever waits here. Paths are compared as text: another spelling of the same
-// file is loaded again, which sees every save made before.
+// file is loaded again, which sees every save made before. A reset of the store (a new
+// root or run) makes it stale.
 struct LastFile {
     ETL_FileHelper::iniFile document;
     std::string path;  // empty: nothing usable loaded
+    unsigned long storeReset = 0;
 };
 
 LastFile& lastFile() {
@@ -28,7 +30,8 @@ LastFile& lastFile() {
 
 // Makes the document hold `file`, loading it only when it is not the one it holds.
 bool holdFile(LastFile& cache, const char* file) {
-    if (!cache.path.empty() && cache.path == file) return true;
+    if (!cache.path.empty() && cache.path == file && cache.storeReset == store::resetCount()) return true;
+    cache.storeReset = store::resetCount();
     if (!cache.document.LoadFromFile(file)) {
         ETL_TraceHelper::etlTrace(3, "Fail to load file [%s] !!", file);
         cache.path.clear();

@@ -1,4 +1,4 @@
-// One image's run, in the child forked for it.
+// An image's run, in a worker process: the tool's steps on it, and its result as messages.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,7 +19,9 @@
 #include "record/change.h"
 #include "record/json.h"
 #include "record/secrets.h"
+#include "store/config_store.h"
 #include "store/report.h"
+#include "store/run_lock.h"
 #include "store/staging.h"
 
 namespace plan {
@@ -35,11 +37,12 @@ struct Collected {
     std::vector<record::Change> changes;
     std::vector<std::string> order;  // files, in the order of their first change
     std::map<std::string, FileStates> files;
+    record::Describer describer;
 };
 
 void listen(Collected& collected) {
     store::fs::setChangeListener([&collected](const store::fs::FileChange& change) {
-        record::describeChange(change, runningStep(), collected.changes);
+        collected.describer.describe(change, runningStep(), collected.changes);
         auto [entry, added] = collected.files.try_emplace(change.logical);
         if (added) {
             entry->second.first = change.before;
@@ -49,23 +52,25 @@ void listen(Collected& collected) {
     });
 }
 
-// Everything written to standard output and error during the run: the steps' own lines
-// and the log, which goes to standard error.
-int captureOutput() {
-    int fd = memfd_create("cfgupgrade-plan-log", MFD_CLOEXEC);
-    if (fd < 0) return -1;
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    setvbuf(stdout, nullptr, _IOLBF, 0);  // the steps' lines in their place among the log's
+// Where the worker's standard output and error go: a file in memory that holds what
+// one run wrote, the steps' own lines and the log (which goes to standard error).
+int& captured() {
+    static int fd = -1;
     return fd;
 }
 
-std::string readCaptured(int fd) {
+// Empties the capture for the next run.
+void startCapture() {
+    std::fflush(stdout);
+    if (ftruncate(captured(), 0) == 0) lseek(captured(), 0, SEEK_SET);  // standard output and error share the offset
+}
+
+std::string readCaptured() {
     std::fflush(stdout);
     std::string text;
     char buffer[16384];
     ssize_t n;
-    for (off_t at = 0; (n = pread(fd, buffer, sizeof buffer, at)) > 0; at += n) text.append(buffer, static_cast<size_t>(n));
+    for (off_t at = 0; (n = pread(captured(), buffer, sizeof buffer, at)) > 0; at += n) text.append(buffer, static_cast<size_t>(n));
     return text;
 }
 
@@ -139,29 +144,25 @@ void writeAll(int fd, const std::string& bytes) {
     }
 }
 
-}  // namespace
-
-int runImage(const std::string& image, const Options& options, int fd) {
-    std::string out;
+// One image's run; its messages go to `out`, and its status is returned.
+int runOne(const std::string& image, const Options& options, std::string& out) {
     struct stat st;
     if (stat(image.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         appendMessage(out, Tag::kError, "cfgupgrade-plan: " + image + ": not a directory\n");
-        writeAll(fd, out);
         return 2;
     }
     setenv("CFGUPGRADE_ROOT", image.c_str(), 1);
-    int captured = captureOutput();
-    store::setReportSink([](const char* line) { app_log(60, 4, "%s", line); });
-    store::fs::setStaging(true);
+    store::reset();  // a new root: nothing of the last image's run is kept
+    startCapture();
     Collected collected;
     listen(collected);
     std::string mode = options.mode;
     char program[] = "cfgupgrade";
     char* argv[] = {program, &mode[0], nullptr};
     runUpgrade(2, argv);
+    store::unlockConfigTree();  // while this worker waits, another may run the same image
     store::fs::setChangeListener(nullptr);
-    std::string log = readCaptured(captured);
-
+    std::string log = readCaptured();
     bool failed = false;
     for (size_t pos = 0; pos < log.size();) {
         size_t end = log.find('\n', pos);
@@ -181,8 +182,24 @@ int runImage(const std::string& image, const Options& options, int fd) {
         appendMessage(out, Tag::kOutput, lines);
     }
     if (options.format == Format::kSummary) summaryMessages(collected, out);
-    writeAll(fd, out);
     return failed ? 2 : collected.changes.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+void prepareWorker() {
+    captured() = memfd_create("cfgupgrade-plan-log", MFD_CLOEXEC);
+    if (captured() >= 0) dup2(captured(), STDOUT_FILENO), dup2(captured(), STDERR_FILENO);
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // the steps' lines in their place among the log's
+    store::setReportSink([](const char* line) { app_log(60, 4, "%s", line); });
+    store::fs::setStaging(true);
+}
+
+void runImage(const std::string& image, const Options& options, int fd) {
+    std::string out;
+    int status = runOne(image, options, out);
+    appendMessage(out, Tag::kDone, std::string(1, static_cast<char>('0' + status)));
+    writeAll(fd, out);
 }
 
 }  // namespace plan

@@ -2,11 +2,13 @@
 // on each image, without changing it. See cfgupgrade-plan(1).
 #include <getopt.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,13 +103,21 @@ Arguments parseArguments(int argc, char** argv) {
     return a;
 }
 
-// An image being run: its child, and what the child has sent so far.
-struct Child {
+// An image in the window: what its worker has sent of it so far, and how it ended.
+struct ImageRun {
     std::string image;
-    pid_t pid = -1;
-    int fd = -1;  // -1 once everything is read
     std::string messages;
     int status = 2;
+    bool done = false;
+};
+
+// A worker process: it runs the images it is sent, one at a time.
+struct Worker {
+    pid_t pid = -1;
+    int requests = -1;  // image numbers, to the worker
+    int results = -1;   // messages, from the worker
+    std::string pending;          // read but not yet a whole message
+    ImageRun* current = nullptr;  // the image it runs, null when idle
 };
 
 // The runs see the tool's environment but for what would change the host or show secrets:
@@ -118,65 +128,113 @@ void prepareEnvironment() {
     setenv("CFGUPGRADE_TRACE_LEVEL", "3", 1);
 }
 
-bool start(Child& child, const plan::Options& options) {
-    int ends[2];
-    if (pipe(ends) != 0) return false;
-    std::fflush(nullptr);  // nothing buffered here may be written twice
-    child.pid = fork();
-    if (child.pid == 0) {
-        close(ends[0]);
-        _exit(plan::runImage(child.image, options, ends[1]));
-    }
-    close(ends[1]);
-    if (child.pid < 0) {
-        close(ends[0]);
+void closeEnds(Worker& w) {
+    if (w.requests >= 0) close(w.requests);
+    if (w.results >= 0) close(w.results);
+    w.requests = w.results = -1;
+}
+
+// The worker's side: an image number in, that image's messages out, until the parent
+// closes the requests.
+[[noreturn]] void serve(int requests, int results, const std::vector<std::string>& images, const plan::Options& options) {
+    plan::prepareWorker();
+    uint32_t n;
+    while (read(requests, &n, sizeof n) == static_cast<ssize_t>(sizeof n) && n < images.size())
+        plan::runImage(images[n], options, results);
+    _exit(0);
+}
+
+bool start(Worker& w, std::vector<Worker>& workers, const std::vector<std::string>& images, const plan::Options& options) {
+    int toWorker[2], fromWorker[2];
+    if (pipe(toWorker) != 0) return false;
+    if (pipe(fromWorker) != 0) {
+        close(toWorker[0]), close(toWorker[1]);
         return false;
     }
-    child.fd = ends[0];
+    std::fflush(nullptr);  // nothing buffered here may be written twice
+    w.pid = fork();
+    if (w.pid == 0) {
+        for (Worker& other : workers) closeEnds(other);  // another's requests must end when the parent closes them
+        close(toWorker[1]), close(fromWorker[0]);
+        serve(toWorker[0], fromWorker[1], images, options);
+    }
+    close(toWorker[0]), close(fromWorker[1]);
+    if (w.pid < 0) {
+        close(toWorker[1]), close(fromWorker[0]);
+        return false;
+    }
+    w.requests = toWorker[1];
+    w.results = fromWorker[0];
+    w.pending.clear();
     return true;
 }
 
-// Reads what is there; at the end, reaps the child.
-void readFrom(Child& child) {
-    char buffer[65536];
-    ssize_t n = read(child.fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) return;
-    if (n > 0) {
-        child.messages.append(buffer, static_cast<size_t>(n));
-        return;
-    }
-    close(child.fd);
-    child.fd = -1;
+// A worker gone (it crashed, or was killed): the image it ran ends as failed, with a line.
+void lose(Worker& w) {
+    closeEnds(w);
     int status = 0;
-    while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
+    while (waitpid(w.pid, &status, 0) < 0 && errno == EINTR) {
     }
-    child.status = WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+    w.pid = -1;
+    if (!w.current) return;
     if (WIFSIGNALED(status))
-        std::fprintf(stderr, "cfgupgrade-plan: %s: the run ended with signal %d\n", child.image.c_str(), WTERMSIG(status));
+        std::fprintf(stderr, "cfgupgrade-plan: %s: the run ended with signal %d\n", w.current->image.c_str(), WTERMSIG(status));
+    else std::fprintf(stderr, "cfgupgrade-plan: %s: the run ended before its result\n", w.current->image.c_str());
+    w.current->done = true;
+    w.current = nullptr;
 }
 
-void waitForAny(std::deque<Child>& window) {
-    std::vector<pollfd> watched;
-    for (const Child& c : window)
-        if (c.fd >= 0) watched.push_back({c.fd, POLLIN, 0});
-    if (poll(watched.data(), watched.size(), -1) < 0) return;
-    for (Child& c : window)
-        for (const pollfd& p : watched)
-            if (p.fd == c.fd && p.revents) readFrom(c);
+bool send(Worker& w, ImageRun& run, uint32_t n) {
+    w.current = &run;
+    if (write(w.requests, &n, sizeof n) == static_cast<ssize_t>(sizeof n)) return true;
+    lose(w);
+    return false;
 }
 
-// Prints (or counts) one finished image, as its turn comes.
-void finish(const Child& child, const plan::Options& options, plan::Summary& summary) {
-    if (options.format == plan::Format::kSummary) summary.addImage(child.image, child.messages, child.status, stdout);
+// Moves what the worker sent to its image; kDone ends the image.
+void readFrom(Worker& w) {
+    char buffer[65536];
+    ssize_t n = read(w.results, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) return;
+    if (n <= 0) return lose(w);
+    w.pending.append(buffer, static_cast<size_t>(n));
     size_t at = 0;
     plan::Tag tag;
     std::string_view bytes;
-    while (plan::nextMessage(child.messages, at, tag, bytes)) {
+    while (w.current && plan::nextMessage(w.pending, at, tag, bytes)) {
+        if (tag != plan::Tag::kDone) {
+            plan::appendMessage(w.current->messages, tag, bytes);
+            continue;
+        }
+        w.current->status = bytes.empty() ? 2 : bytes[0] - '0';
+        w.current->done = true;
+        w.current = nullptr;
+    }
+    w.pending.erase(0, at);
+}
+
+void waitForAny(std::vector<Worker>& workers) {
+    std::vector<pollfd> watched;
+    for (const Worker& w : workers)
+        if (w.current) watched.push_back({w.results, POLLIN, 0});
+    if (watched.empty() || poll(watched.data(), watched.size(), -1) < 0) return;
+    for (Worker& w : workers)
+        for (const pollfd& p : watched)
+            if (w.current && p.fd == w.results && p.revents) readFrom(w);
+}
+
+// Prints (or counts) one finished image, as its turn comes.
+void finish(const ImageRun& run, const plan::Options& options, plan::Summary& summary) {
+    if (options.format == plan::Format::kSummary) summary.addImage(run.image, run.messages, run.status, stdout);
+    size_t at = 0;
+    plan::Tag tag;
+    std::string_view bytes;
+    while (plan::nextMessage(run.messages, at, tag, bytes)) {
         if (tag != plan::Tag::kOutput) std::fflush(stdout);  // diagnostics in their place among the results
         if (tag == plan::Tag::kOutput) std::fwrite(bytes.data(), 1, bytes.size(), stdout);
         if (tag == plan::Tag::kError) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
         if (tag == plan::Tag::kFailure && options.format != plan::Format::kSummary)
-            std::fprintf(stderr, "cfgupgrade-plan: %s: %.*s\n", child.image.c_str(), static_cast<int>(bytes.size()), bytes.data());
+            std::fprintf(stderr, "cfgupgrade-plan: %s: %.*s\n", run.image.c_str(), static_cast<int>(bytes.size()), bytes.data());
     }
 }
 
@@ -185,29 +243,34 @@ void finish(const Child& child, const plan::Options& options, plan::Summary& sum
 int main(int argc, char** argv) {
     Arguments arguments = parseArguments(argc, argv);
     const plan::Options& options = arguments.options;
+    const std::vector<std::string>& images = arguments.images;
     prepareEnvironment();
+    std::signal(SIGPIPE, SIG_IGN);  // a worker that died is seen by its pipe's end, not by a signal here
     plan::Summary summary;
-    std::deque<Child> window;  // in the order of the images; at most 2 * jobs of them
+    std::vector<Worker> workers(static_cast<size_t>(std::min<long>(options.jobs, static_cast<long>(images.size()))));
+    std::deque<ImageRun> window;  // in the order of the images; at most 2 * jobs of them
     size_t next = 0;
-    long running = 0;
     int worst = 0;
-    while (next < arguments.images.size() || !window.empty()) {
-        while (next < arguments.images.size() && running < options.jobs &&
-               window.size() < static_cast<size_t>(2 * options.jobs)) {
-            window.emplace_back();
-            window.back().image = arguments.images[next++];
-            if (start(window.back(), options)) ++running;
-            else std::fprintf(stderr, "cfgupgrade-plan: %s: cannot start its run: %s\n", window.back().image.c_str(), std::strerror(errno));
+    while (next < images.size() || !window.empty()) {
+        for (Worker& w : workers) {
+            if (w.current || next >= images.size() || window.size() >= 2 * workers.size()) continue;
+            if (w.pid < 0 && !start(w, workers, images, options)) {
+                std::fprintf(stderr, "cfgupgrade-plan: %s: cannot start its run: %s\n", images[next].c_str(), std::strerror(errno));
+                window.push_back({images[next++], "", 2, true});
+                continue;
+            }
+            window.push_back({images[next], "", 2, false});
+            send(w, window.back(), static_cast<uint32_t>(next++));
         }
-        if (running > 0) waitForAny(window);
-        running = 0;
-        for (const Child& c : window) running += c.fd >= 0;
-        while (!window.empty() && window.front().fd < 0) {
+        waitForAny(workers);
+        while (!window.empty() && window.front().done) {
             finish(window.front(), options, summary);
             worst = std::max(worst, window.front().status);
             window.pop_front();
         }
     }
+    for (Worker& w : workers)
+        if (w.pid >= 0) closeEnds(w), waitpid(w.pid, nullptr, 0);
     if (options.format == plan::Format::kSummary) summary.print(stdout);
     return worst;
 }

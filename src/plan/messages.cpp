@@ -34,12 +34,11 @@ void appendField(std::string& out, std::string_view bytes) {
 }
 
 bool nextMessage(std::string_view in, size_t& at, Tag& tag, std::string_view& bytes) {
-    if (at >= in.size()) return false;
-    tag = static_cast<Tag>(in[at++]);
-    size_t length;
-    if (!readLength(in, at, length)) return false;
-    bytes = in.substr(at, length);
-    at += length;
+    size_t next = at + 1, length;
+    if (at >= in.size() || !readLength(in, next, length)) return false;  // `at` stays at a cut message
+    tag = static_cast<Tag>(in[at]);
+    bytes = in.substr(next, length);
+    at = next + length;
     return true;
 }
 

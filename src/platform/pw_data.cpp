@@ -13,6 +13,7 @@
 
 #include "platform/gcm/gcm.h"
 #include "platform/log.h"
+#include "store/config_store.h"
 #include "store/files.h"
 #include "store/secret_file.h"
 
@@ -145,16 +146,18 @@ Cipher cipherFromKeyFile(const char* file) {
 }
 
 // The cipher of this run, null when there is no usable key. It is set up on first use
-// and kept to the end of the process; a key file is read, and a problem with it
-// reported, once. A different key file (or root) than last time starts over: tests
-// run many roots in one process.
+// and kept to the end of the run; a key file is read, and a problem with it reported,
+// once. A different key file (or root) than last time, or a reset of the store (a new
+// run in this process), starts over: tests and the plan run many roots in one process.
 Gcm* runCipher() {
     static Cipher cipher;
     static std::string source;  // empty until the first use: no key's name is empty
+    static unsigned long storeReset = 0;
     const char* file = std::getenv("CFGUPGRADE_PW_KEYFILE");
     std::string wanted = file ? "file:" + store::fs::physicalPath(file).value_or(file) : "development key";
-    if (wanted == source) return cipher.get();
+    if (wanted == source && storeReset == store::resetCount()) return cipher.get();
     source = wanted;
+    storeReset = store::resetCount();
     cipher = file ? cipherFromKeyFile(file) : Gcm::create(kDevelopmentKey);
     return cipher.get();
 }

@@ -1,6 +1,7 @@
 #include "record/change.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -19,35 +20,41 @@ bool endsWith(const std::string& text, const char* tail) {
 
 using ETL_FileHelper::IniText;
 
-// The part of a file a change is looked for in: the sections of one name, the keys of
-// some names. Null: everywhere.
-struct Scope {
-    std::string section;
-    std::set<std::string, std::less<>> keys;
-};
+using ETL_FileHelper::iniSection;
 
-// Calls `visit(section, key)` for every key line of a section in scope, in file order
-// (lines before the first section are never read, so they are not keys). A name met
-// twice is visited twice. Lines a read never reaches (in a later section of a name
-// already seen, or without a name) are visited in any case: they read as absent on
-// both sides, so they are told as removed whenever the file changes.
+// Where a change is looked for: sections by name, each with the names of the keys that
+// can read differently in it, or nullopt for every key.
+using KeyNames = std::set<std::string, std::less<>>;
+using Scope = std::map<std::string_view, std::optional<KeyNames>>;
+
+// Calls `visit(section, key)` for every key line of a section, in file order (lines
+// before the first section are never read, so they are not keys), only those in `scope`
+// when it is given. A name met twice is visited twice. Lines a read never reaches (in a
+// later section of a name already seen, or without a name) are visited in any case: they
+// read as absent on both sides, so they are told as removed whenever the file changes.
 template <typename Visit>
 void eachKey(IniText& text, const Scope* scope, Visit visit) {
     std::set<std::string_view> seen;
     for (iniObject* object : text.objects()) {
         if (object->type() != iniObject::kSection) continue;
-        auto* section = static_cast<ETL_FileHelper::iniSection*>(object);
-        bool unread = !seen.insert(section->name()).second;
-        if (scope && !unread && section->name() != scope->section) continue;
+        auto* section = static_cast<iniSection*>(object);
+        std::string_view name = section->name();
+        bool unread = !seen.insert(name).second;
+        const KeyNames* keys = nullptr;  // null: every key
+        if (scope && !unread) {
+            auto in = scope->find(name);
+            if (in == scope->end()) continue;
+            if (in->second) keys = &*in->second;
+        }
         for (iniObject* line : section->objects()) {
             if (line->type() != iniObject::kKey) continue;
             std::string_view key = static_cast<ETL_FileHelper::iniLine*>(line)->name();
-            if (!scope || unread || key.empty() || scope->keys.find(key) != scope->keys.end()) visit(section->name(), key);
+            if (!keys || key.empty() || keys->count(key)) visit(name, key);
         }
     }
 }
 
-// The whole lines at `begin` that differ between the two files: up to `beforeEnd` in
+// The whole lines at `begin` that differ between two texts: up to `beforeEnd` in
 // `before` and `afterEnd` in `after`; the bytes before and after them are the same.
 struct ChangedLines {
     size_t begin, beforeEnd, afterEnd;
@@ -70,27 +77,48 @@ ChangedLines changedLines(std::string_view before, std::string_view after) {
     return lines;
 }
 
-// Only the keys named on the changed lines can read differently, and only in the section
-// that holds those lines; other keys are never looked up, so a step that sets a few keys
-// of a file of thousands costs a walk of one section. Nullopt when the changed lines hold
-// a section header or start the file: then the whole file is looked at.
-std::optional<Scope> changedScope(const std::string& before, std::string_view after) {
+// In a section whose bytes differ, only the keys named on the lines that differ can read
+// differently: a key named elsewhere has the same first line on both sides. Nullopt
+// (every key) when those lines hold the header.
+std::optional<KeyNames> changedKeys(std::string_view before, std::string_view after) {
     ChangedLines lines = changedLines(before, after);
-    if (lines.begin == 0) return std::nullopt;
-    Scope scope;
-    for (std::string_view text : {std::string_view(before).substr(lines.begin, lines.beforeEnd - lines.begin),
+    KeyNames keys;
+    for (std::string_view text : {before.substr(lines.begin, lines.beforeEnd - lines.begin),
                                   after.substr(lines.begin, lines.afterEnd - lines.begin)}) {
-        if (text.substr(0, 3) == "\xEF\xBB\xBF") return std::nullopt;  // read alone, a byte-order mark
+        if (lines.begin == 0 || text.substr(0, 3) == "\xEF\xBB\xBF") return std::nullopt;  // read alone, a byte-order mark
         IniText changed = IniText::parse(std::string(text));
         for (iniObject* line : changed.objects()) {
             if (line->type() == iniObject::kSection) return std::nullopt;
-            if (line->type() == iniObject::kKey) scope.keys.emplace(static_cast<ETL_FileHelper::iniLine*>(line)->name());
+            if (line->type() == iniObject::kKey) keys.emplace(static_cast<ETL_FileHelper::iniLine*>(line)->name());
         }
     }
-    IniText head = IniText::parse(before.substr(0, lines.begin));
-    std::vector<iniObject*> objects = head.objects();
-    if (objects.empty() || objects.back()->type() != iniObject::kSection) return Scope{};  // before the first section
-    scope.section = static_cast<ETL_FileHelper::iniSection*>(objects.back())->name();
+    return keys;
+}
+
+// Each section's bytes by its name; false when a name is met twice.
+bool sectionsByName(IniText& text, std::map<std::string_view, std::string_view>& out) {
+    for (iniObject* object : text.objects()) {
+        if (object->type() != iniObject::kSection) continue;
+        auto* section = static_cast<iniSection*>(object);
+        if (!out.emplace(section->name(), section->bytesAsRead()).second) return false;
+    }
+    return true;
+}
+
+// Where the two sides can read differently: the sections whose bytes differ, and in
+// each the keys named on the lines that differ. A write of a few keys then costs a look
+// at those keys, not at the file. Nullopt when a section name repeats on either side:
+// which lines a read reaches then depends on the order of the sections, so the whole
+// file is looked at.
+std::optional<Scope> changedScope(IniText& before, IniText& after) {
+    std::map<std::string_view, std::string_view> was, is;
+    if (!sectionsByName(before, was) || !sectionsByName(after, is)) return std::nullopt;
+    Scope scope;
+    for (const auto& [name, bytes] : is)
+        if (auto old = was.find(name); old == was.end()) scope.emplace(name, std::nullopt);
+        else if (old->second != bytes) scope.emplace(name, changedKeys(old->second, bytes));
+    for (const auto& [name, bytes] : was)
+        if (!is.count(name)) scope.emplace(name, std::nullopt);
     return scope;
 }
 
@@ -103,12 +131,9 @@ Change fileChange(const char* step, const std::string& op, const std::string& fi
 }
 
 // Key by key, as a read sees them (the first key of a name in the first section of a
-// name): each side's keys are looked up in the other through its name index, so a file
-// of thousands of keys costs a walk of each side, not a comparison of every pair.
-void describeKeys(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
-    IniText before = change.before ? IniText::parse(*change.before) : IniText();
-    IniText after = IniText::parse(std::string(*change.after));
-    std::optional<Scope> scope = change.before ? changedScope(*change.before, *change.after) : std::nullopt;
+// name), where the two sides can read differently.
+void describeKeys(const store::fs::FileChange& change, const char* step, IniText& before, IniText& after, std::vector<Change>& out) {
+    std::optional<Scope> scope = changedScope(before, after);
     const Scope* in = scope ? &*scope : nullptr;
     std::set<std::pair<std::string_view, std::string_view>> told;  // a name met twice is told once
     auto tell = [&](const char* op, std::string_view section, std::string_view key, std::optional<std::string_view> old,
@@ -134,9 +159,12 @@ void describeKeys(const store::fs::FileChange& change, const char* step, std::ve
 
 bool isIniName(const std::string& file) { return endsWith(file, ".ini") || endsWith(file, ".cfg"); }
 
-void describeChange(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
+void Describer::describe(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
     using store::fs::ChangeKind;
     const std::string& file = change.logical;
+    auto left = left_.find(file);
+    std::optional<Left> last;
+    if (left != left_.end()) last = std::move(left->second), left_.erase(left);
     if (change.kind == ChangeKind::kRemoved) {
         out.push_back(fileChange(step, "removed", file));
     } else if (change.kind == ChangeKind::kCopied) {
@@ -145,11 +173,20 @@ void describeChange(const store::fs::FileChange& change, const char* step, std::
         out.push_back(std::move(c));
     } else {
         if (!change.before) out.push_back(fileChange(step, "file created", file));
-        if (isIniName(file))
-            describeKeys(change, step, out);
-        else if (change.before)
+        if (isIniName(file)) {
+            bool leftAsFound = last && change.before && last->bytes == *change.before;
+            IniText before = leftAsFound ? std::move(last->text) : change.before ? IniText::parse(*change.before) : IniText();
+            Left now{std::string(*change.after), IniText::parse(std::string(*change.after))};
+            describeKeys(change, step, before, now.text, out);
+            left_.emplace(file, std::move(now));
+        } else if (change.before) {
             out.push_back(fileChange(step, endsWith(file, ".xml") ? "XML rewritten" : "file rewritten", file));
+        }
     }
+}
+
+void describeChange(const store::fs::FileChange& change, const char* step, std::vector<Change>& out) {
+    Describer().describe(change, step, out);
 }
 
 }  // namespace record

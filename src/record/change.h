@@ -7,10 +7,12 @@
 // ending ".xml"), "file rewritten", "file created", "copied" (with its source), "removed".
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "store/ini_text.h"
 #include "store/staging.h"
 
 namespace record {
@@ -27,6 +29,21 @@ struct Change {
 
 // Appends the changes of one file change made during `step`.
 void describeChange(const store::fs::FileChange& change, const char* step, std::vector<Change>& out);
+
+// The same for the changes of one run, in their order. The text a write of an INI file
+// leaves is kept parsed, by its path: the next write of that file starts from it (when
+// its bytes are those), and it is not parsed again.
+class Describer {
+public:
+    void describe(const store::fs::FileChange& change, const char* step, std::vector<Change>& out);
+
+private:
+    struct Left {
+        std::string bytes;
+        ETL_FileHelper::IniText text;
+    };
+    std::map<std::string, Left> left_;
+};
 
 // True for the files described key by key.
 bool isIniName(const std::string& file);

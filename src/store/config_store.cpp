@@ -9,6 +9,8 @@
 #include "store/documents.h"
 #include "store/files.h"
 #include "store/report.h"
+#include "store/run_lock.h"
+#include "store/staging.h"
 
 using ETL_FileHelper::IniText;
 
@@ -278,9 +280,18 @@ void listPlainEntries(const std::string& logical, std::vector<std::string>& name
     fs::listPlainEntries(logical, names);
 }
 
+namespace {
+unsigned long resets = 0;
+}  // namespace
+
 void reset() {
+    ++resets;
     discardAll();
     openHandles().clear();
+    fs::dropStaged();
+    unlockConfigTree();
 }
+
+unsigned long resetCount() { return resets; }
 
 }  // namespace store

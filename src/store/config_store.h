@@ -163,7 +163,12 @@ void listDirectory(const std::string& logical, std::vector<std::string>& names);
 // is logged and gives what was read before it.
 void listPlainEntries(const std::string& logical, std::vector<std::string>& names);
 
-// Forgets every parsed file and handle without writing (used when the root changes).
+// Forgets every parsed file, handle and staged write without writing, and lets go of
+// the run's lock (used when the root changes, or a new run starts in this process).
 void reset();
+
+// Moves at every reset(): what a module keeps from one call to the next for the run (a
+// loaded document, the password key) is stale once it has moved.
+unsigned long resetCount();
 
 }  // namespace store

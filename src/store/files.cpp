@@ -42,11 +42,11 @@ std::string parentOf(const std::string& logical) {
 // Opens a file of `at` for reading. The type is looked at before the open, so a FIFO is
 // never waited on and a device is never opened, and again after it, on the descriptor.
 int openRegular(const Location& at, Fd& fd, struct stat& st) {
-    if (fstatat(at.dir.get(), at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    if (fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
     if (at.ownFileOnly && !ownedAndGuarded(st)) return kUntrustedRecord;
     if (S_ISDIR(st.st_mode)) return EISDIR;
     if (!S_ISREG(st.st_mode)) return kNotRegularFile;
-    int opened = openat(at.dir.get(), at.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    int opened = openat(at.dir, at.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (opened < 0) return errno;
     fd.reset(opened);
     struct stat now;
@@ -82,8 +82,7 @@ int readLimited(int fd, const struct stat& st, size_t limit, std::string& bytes)
 // A staged file, for a read under staging: its bytes, or ENOENT for a staged removal.
 // -1 when the disk has the answer.
 int readStaged(const Location& at, std::string& bytes, struct stat& st) {
-    std::optional<std::string> key = staging() ? stagingKey(at.dir.get(), at.name) : std::nullopt;
-    const StagedFile* staged = key ? stagedFile(*key) : nullptr;
+    const StagedFile* staged = staging() ? stagedFile(stagingKey(at)) : nullptr;
     if (!staged) return -1;
     if (!staged->exists) return ENOENT;
     bytes = staged->bytes;
@@ -161,7 +160,12 @@ int createTemp(int dir, mode_t mode, std::string& name) {
 }
 
 // A rename or unlink is only durable once the directory that holds the name is synced.
-int syncDirectory(int dir) { return fsync(dir) == 0 ? 0 : errno; }
+// `dir` may be a bare O_PATH descriptor, which fsync refuses: the sync takes its own.
+int syncDirectory(int dir) {
+    Fd readable(openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (readable.get() < 0) return errno;
+    return fsync(readable.get()) == 0 ? 0 : errno;
+}
 
 // Every entry but "." and ".."; returns 0 or the errno that stopped the listing.
 // readdir gives null both at the end and on an error (EOVERFLOW on a 32-bit build
@@ -304,9 +308,8 @@ int examineTarget(const Location& at, Kept& kept, std::string_view bytes, bool& 
 // (what the name holds, whether the directory takes a new file), then the bytes kept
 // for later reads instead of written.
 int stageReplacement(const Location& at, std::string_view bytes, mode_t newFileMode) {
-    std::optional<std::string> key = stagingKey(at.dir.get(), at.name);
-    if (!key) return errno;
-    const StagedFile* staged = stagedFile(*key);
+    const std::string key = stagingKey(at);
+    const StagedFile* staged = stagedFile(key);
     StagedFile next{true, std::string(bytes), newFileMode};
     if (staged && staged->exists) {
         if (staged->bytes == bytes) return 0;
@@ -318,24 +321,23 @@ int stageReplacement(const Location& at, std::string_view bytes, mode_t newFileM
         if (unchanged) return 0;
         if (kept.exists) next.mode = kept.st.st_mode & 07777;
     }
-    if (faccessat(at.dir.get(), ".", W_OK, AT_EACCESS) != 0) return errno;
-    stageFile(*key, std::move(next));
+    if (faccessat(at.dir, ".", W_OK, AT_EACCESS) != 0) return errno;
+    stageFile(key, std::move(next));
     return 0;
 }
 
 // A staged removal: refused as unlinkat would refuse it.
 int stageRemoval(const Location& at) {
-    std::optional<std::string> key = stagingKey(at.dir.get(), at.name);
-    if (!key) return errno;
-    if (const StagedFile* staged = stagedFile(*key)) {
+    const std::string key = stagingKey(at);
+    if (const StagedFile* staged = stagedFile(key)) {
         if (!staged->exists) return ENOENT;
     } else {
         struct stat st;
-        if (fstatat(at.dir.get(), at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+        if (fstatat(at.dir, at.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
         if (S_ISDIR(st.st_mode)) return EISDIR;
     }
-    if (faccessat(at.dir.get(), ".", W_OK, AT_EACCESS) != 0) return errno;
-    stageFile(*key, StagedFile{});
+    if (faccessat(at.dir, ".", W_OK, AT_EACCESS) != 0) return errno;
+    stageFile(key, StagedFile{});
     return 0;
 }
 
@@ -347,7 +349,7 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     if (staging()) {
         // Nothing reaches the disk: the name still holds what it held, which is what the
         // store must find there at the next step (nothing: a zero mode).
-        if (written && fstatat(at.dir.get(), at.name.c_str(), written, AT_SYMLINK_NOFOLLOW) != 0) *written = {};
+        if (written && fstatat(at.dir, at.name.c_str(), written, AT_SYMLINK_NOFOLLOW) != 0) *written = {};
         return stageReplacement(at, bytes, newFileMode);
     }
     Kept kept;
@@ -360,12 +362,12 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
 
     // Only in the /config tree: the version record's directory is /tmp, which every user
     // shares, and nothing outside the writable areas is ever removed.
-    if (!at.ownFileOnly) removeStaleTempFiles(at.dir.get(), parentOf(logical));
+    if (!at.ownFileOnly) removeStaleTempFiles(at.dir, parentOf(logical));
     std::string temp;
     // A new file is created with its final mode, so a default ACL of the directory
     // applies as it would to any new file; a replacement starts private until it has
     // the old file's owner and mode.
-    int created = createTemp(at.dir.get(), kept.exists ? 0600 : newFileMode, temp);
+    int created = createTemp(at.dir, kept.exists ? 0600 : newFileMode, temp);
     if (created < 0) return -created;
     Fd fd(created);
 
@@ -384,14 +386,14 @@ int replaceFile(const Location& at, const std::string& logical, std::string_view
     if (!err && written && fstat(fd.get(), written) != 0) err = errno;
     int closed = fd.closeNow();
     if (!err) err = closed;
-    if (!err && renameat(at.dir.get(), temp.c_str(), at.dir.get(), at.name.c_str()) != 0) err = errno;
+    if (!err && renameat(at.dir, temp.c_str(), at.dir, at.name.c_str()) != 0) err = errno;
     if (err) {
-        unlinkat(at.dir.get(), temp.c_str(), 0);
+        unlinkat(at.dir, temp.c_str(), 0);
         return err;
     }
     // The rename lives in the directory; until the directory is synced a power cut
     // may bring back the old name. The new content is complete either way.
-    return syncDirectory(at.dir.get());
+    return syncDirectory(at.dir);
 }
 
 int writeResolved(const std::string& logical, std::string_view bytes, mode_t newFileMode, struct stat* written = nullptr) {
@@ -464,10 +466,24 @@ bool mayWrite(const std::string& logical) {
     return err == 0;
 }
 
+namespace {
+
+// The umask new files are created under. Read once (reading it means setting it): nothing
+// in the process changes it.
+mode_t processUmask() {
+    static const mode_t mask = [] {
+        mode_t m = umask(0);
+        umask(m);
+        return m;
+    }();
+    return mask;
+}
+
+}  // namespace
+
 bool writeFileAtomically(const std::string& logical, std::string_view bytes, struct stat* written) {
     std::optional<std::string> before = contentBefore(logical);
-    mode_t mask = umask(0);
-    umask(mask);
+    const mode_t mask = processUmask();
     // A file grown past what a read accepts (a key added to a file at its limit) would be
     // unreadable from the next run on: it stays as it was.
     int err = bytes.size() > sizeLimit(FileKind::kIni) ? EFBIG : writeResolved(logical, bytes, 0666 & ~mask, written);
@@ -497,10 +513,8 @@ bool copyFileAtomically(const std::string& dst, const std::string& src) {
     int err = resolve(src, Access::kRead, from);
     if (!err) err = readAt(from, bytes, sizeLimit(FileKind::kCopy), st);
     // A new copy gets its source's permissions, as cp gives them, unless it may hold a password.
-    mode_t mask = umask(0);
-    umask(mask);
     if (!err) err = refuseSameFile(dst, st);
-    if (!err) err = writeResolved(dst, bytes, st.st_mode & 0777 & ~mask);
+    if (!err) err = writeResolved(dst, bytes, st.st_mode & 0777 & ~processUmask());
     if (err)
         report("Cannot copy [%s] to [%s]: %s", src.c_str(), dst.c_str(), describe(err));
     else tellChanged(dst, before, bytes, ChangeKind::kCopied, &src);
@@ -513,7 +527,7 @@ bool removeFile(const std::string& logical) {
     int err = resolve(logical, Access::kRemove, at);
     // Without AT_REMOVEDIR, unlinkat refuses a directory with EISDIR: no stat of our own.
     if (!err && staging()) err = stageRemoval(at);
-    else if (!err) err = unlinkat(at.dir.get(), at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir.get());
+    else if (!err) err = unlinkat(at.dir, at.name.c_str(), 0) != 0 ? errno : syncDirectory(at.dir);
     if (err && err != ENOENT) logFailure("remove", logical, err);
     if (!err) tellChanged(logical, before, std::nullopt, ChangeKind::kRemoved);
     return err == 0;

@@ -86,6 +86,9 @@ class iniSection : public iniObject {
 public:
     int type() const override { return kSection; }
     std::string_view name() const;
+    // The header and lines as the file had them when it was read (a section changed
+    // since is written back otherwise): two sections of equal bytes read the same.
+    std::string_view bytesAsRead() const { return std::string_view(*bytes_).substr(begin_, end_ - begin_); }
 
     // Nodes of the section in file order; pointers stay valid until the next change.
     std::vector<iniObject*> objects();

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "store/report.h"
+#include "store/staging.h"
 
 namespace store::fs {
 
@@ -182,7 +183,15 @@ int openDirInRoot(const std::string& rel, int& out) {
 struct KnownDir {
     int fd = -1;  // O_PATH, as openDirInRoot gave it; owned here
     std::vector<std::pair<const Area*, bool>> within;  // verdicts of isWithin, by area
+    std::string key;  // "DEV:INO/", asked once: an open descriptor's file never changes
 };
+
+// The directory's key, or nullopt when its status cannot be had.
+std::optional<std::string> keyOf(KnownDir& dir) {
+    if (dir.key.empty())
+        if (std::optional<FileId> id = idOf(dir.fd)) dir.key = std::to_string(id->dev) + ":" + std::to_string(id->ino) + "/";
+    return dir.key.empty() ? std::nullopt : std::optional<std::string>(dir.key);
+}
 
 std::vector<std::pair<std::string, KnownDir>>& knownDirs() {
     static std::vector<std::pair<std::string, KnownDir>> dirs;
@@ -201,7 +210,7 @@ KnownDir* knownDir(const std::string& rel, int& err) {
         if (entry.first == rel) return &entry.second;
     int fd = -1;
     if ((err = openDirInRoot(rel, fd)) != 0) return nullptr;
-    knownDirs().emplace_back(rel, KnownDir{fd, {}});
+    knownDirs().emplace_back(rel, KnownDir{fd, {}, {}});
     return &knownDirs().back().second;
 }
 
@@ -363,9 +372,10 @@ int resolve(std::string_view logical, Access access, Location& out) {
     Found found;
     if (int err = locate(logical, access, found)) return err;
     // fsync and listing need a descriptor opened for reading, not a bare O_PATH one.
-    int readable = openat(found.dir->fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (readable < 0) return errno;
-    out.dir.reset(readable);
+    std::optional<std::string> key = keyOf(*found.dir);
+    if (!key) return errno;
+    out.dir = found.dir->fd;
+    out.dirKey = std::move(*key);
     out.name = std::move(found.name);
     out.privateFile = isPrivate(logical);
     out.ownFileOnly = found.lookup.ownFileOnly;
@@ -403,10 +413,10 @@ bool ownedAndGuarded(const struct stat& st) {
 std::optional<std::string> identity(std::string_view logical, Lookup* seen) {
     Found found;
     if (locate(logical, Access::kRead, found) != 0) return std::nullopt;
-    std::optional<FileId> id = idOf(found.dir->fd);
-    if (!id) return std::nullopt;
+    std::optional<std::string> key = keyOf(*found.dir);
+    if (!key) return std::nullopt;
     if (seen) *seen = found.lookup;
-    return std::to_string(id->dev) + ":" + std::to_string(id->ino) + "/" + found.name;
+    return *key + found.name;
 }
 
 std::optional<std::string> physicalPath(std::string_view logical) {
@@ -445,7 +455,12 @@ void reportOnce(const char* what, std::string_view logical, int err) {
     report("Cannot %s [%.*s]: %s", what, static_cast<int>(logical.size()), logical.data(), describe(err));
 }
 
-void forgetDirectories() { dropKnownDirs(); }
+void forgetDirectories() {
+    // A staged run changes nothing on disk (it creates no directory, and its files are
+    // kept in memory): what it resolved stays true to its end.
+    if (staging()) return;
+    dropKnownDirs();
+}
 
 void forgetRoot() {
     dropKnownDirs();

@@ -71,7 +71,9 @@ private:
 // is never a link (a link the area lets be followed has been followed) and never "."
 // or "..". The file itself need not exist.
 struct Location {
-    Fd dir;                   // the directory, opened for reading (listing, fsync)
+    int dir = -1;             // the directory as the store knows it (O_PATH: for names, not
+                              // listing or fsync); the store's until its next commit
+    std::string dirKey;       // the directory's device and inode, "DEV:INO/": one for every spelling
     std::string name;
     bool privateFile = false; // may hold a password: created 0600
     bool ownFileOnly = false; // the version record: see ownedAndGuarded()
@@ -116,7 +118,7 @@ std::string canonicalPath(std::string_view logical);
 void reportOnce(const char* what, std::string_view logical, int err);
 
 // Drops the directories resolved so far: the store calls it at every commit, so that a
-// step sees the tree as the previous steps left it.
+// step sees the tree as the previous steps left it. A staged run keeps them.
 void forgetDirectories();
 
 // Drops the open root and what is known of it (a new root, a new test).

@@ -28,6 +28,13 @@ long long nowMilliseconds() {
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
+// The locked directory's descriptor: the kernel drops the lock when it is closed, or
+// when the process ends, however it ends (a cut, a kill).
+fs::Fd& heldLock() {
+    static fs::Fd held;
+    return held;
+}
+
 void sleepMilliseconds(int ms) {
     timespec left{ms / 1000, (ms % 1000) * 1000000L};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
@@ -44,8 +51,9 @@ bool lockConfigTree() {
         if (err != ENOENT && err != ENOTDIR) report("Cannot lock [%s]: %s", kLockedTree, fs::describe(err));
         return true;
     }
-    // The descriptor stays open to the end of the process: closing it would drop the lock.
+    // The descriptor stays open to the end of the run: closing it would drop the lock.
     // Measured on the clock, not by counting the naps: each oversleeps a little.
+    heldLock().reset(dir);
     const long long deadline = nowMilliseconds() + kWaitMilliseconds;
     for (;;) {
         if (flock(dir, LOCK_EX | LOCK_NB) == 0) return true;
@@ -58,7 +66,10 @@ bool lockConfigTree() {
     }
     report("Cannot lock [%s]: another run has held it for %d s; this run changes nothing", kLockedTree,
            kWaitMilliseconds / 1000);
+    heldLock().reset();
     return false;
 }
+
+void unlockConfigTree() { heldLock().reset(); }
 
 }  // namespace store

@@ -13,4 +13,7 @@ namespace store {
 // when it cannot be locked for any other reason (logged): the run does what it can.
 bool lockConfigTree();
 
+// Lets go of the lock, when there is one (a new root, or a new run in this process).
+void unlockConfigTree();
+
 }  // namespace store

@@ -34,11 +34,7 @@ void setStaging(bool on) { state().on = on; }
 
 bool staging() { return state().on; }
 
-std::optional<std::string> stagingKey(int dir, const std::string& name) {
-    std::optional<std::string> key = directoryKey(dir);
-    if (key) *key += name;
-    return key;
-}
+std::string stagingKey(const Location& at) { return at.dirKey + at.name; }
 
 const StagedFile* stagedFile(const std::string& key) {
     auto it = state().files.find(key);

@@ -19,6 +19,8 @@
 #include <string_view>
 #include <vector>
 
+#include "store/paths.h"
+
 namespace store::fs {
 
 // ---------------------------------------------------------------- staging
@@ -33,9 +35,9 @@ struct StagedFile {
     mode_t mode = 0;
 };
 
-// The key of the file `name` in the open directory `dir` (the directory's device and
-// inode, then the name): every spelling of one file has the same key.
-std::optional<std::string> stagingKey(int dir, const std::string& name);
+// The key of a resolved file (its directory's device and inode, then its name): every
+// spelling of one file has the same key.
+std::string stagingKey(const Location& at);
 
 // What is staged under the key, or null when the disk has the answer.
 const StagedFile* stagedFile(const std::string& key);

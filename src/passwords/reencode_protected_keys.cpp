@@ -44,13 +44,16 @@ bool holdFile(LastFile& cache, const char* file) {
 // Runs the routine of the mode over `input`; the trace shows the outcome either way.
 int reencode(int mode, const char* input, char* output) {
     if (mode == kReencodeEncrypt) {
-        // A value protected with this key is in the form asked for. The routine would
+        // A value that opens with this key (asked of the decryption routine, as the
+        // translation asks it) is in the form wanted. The encryption routine would
         // protect one whose plain text has a UTF-8 letter a second time, as only the
         // translation's test needs: here it would hand whoever opens it once another
         // password, and a rule that copies the key would follow it only a boot later.
+        char plain[kPwDataBufferSize] = {};
         int result = 0;
-        if (pw_data_is_protected(input)) std::memcpy(output, input, std::strlen(input) + 1);
+        if (pw_data_decrypt(input, plain) == 0) std::memcpy(output, input, std::strlen(input) + 1);
         else result = pw_data_encrypt(input, output);
+        explicit_bzero(plain, sizeof plain);
         ETL_TraceHelper::etlTrace(2, "Encrypt:(%s)->(%s)", input, output);
         return result;
     }

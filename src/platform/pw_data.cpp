@@ -271,14 +271,6 @@ int pw_data_encrypt(const char* input, char* output) {
     return protect(*gcm, input, output);
 }
 
-bool pw_data_is_protected(const char* input) {
-    Gcm* gcm = runCipher();
-    char plain[kPwDataBufferSize];
-    bool ours = gcm && unprotect(*gcm, input, plain);
-    explicit_bzero(plain, sizeof plain);
-    return ours;
-}
-
 int pw_data_decrypt(const char* input, char* output) {
     output[0] = '\0';
     Gcm* gcm = runCipher();

@@ -46,10 +46,6 @@ const char* pw_data_failure_reason(int result);
 // kPwDataCipherFailed), with the empty text written.
 int pw_data_encrypt(const char* input, char* output);
 
-// True when `input` is a value protected with the current key, whatever its plain text;
-// false without a usable key. It traces nothing and writes nothing.
-bool pw_data_is_protected(const char* input);
-
 // Writes the plain form of a value protected with the current key. Non-zero, with
 // the empty text written, for anything else: kPwDataNoKey, or kPwDataNotProtected for
 // a wrong prefix, bad base64, a failed tag. A value in the protected form that does not

@@ -184,11 +184,10 @@ void lose(Worker& w) {
     w.current = nullptr;
 }
 
-bool send(Worker& w, ImageRun& run, uint32_t n) {
+// Hands the worker an image; a worker that cannot take it is lost, and the image with it.
+void send(Worker& w, ImageRun& run, uint32_t n) {
     w.current = &run;
-    if (write(w.requests, &n, sizeof n) == static_cast<ssize_t>(sizeof n)) return true;
-    lose(w);
-    return false;
+    if (write(w.requests, &n, sizeof n) != static_cast<ssize_t>(sizeof n)) lose(w);
 }
 
 // Moves what the worker sent to its image; kDone ends the image.
